@@ -1,0 +1,62 @@
+# Front door. `make test` installs what is missing (Debian packages, as root), configures,
+# builds and runs the whole test suite through CTest. The sanitizer variants do the same
+# in their own build folders.
+
+DEBIAN_PACKAGES := build-essential cmake ninja-build pkg-config \
+	libcpprest-dev libboost-dev libboost-system-dev libboost-thread-dev \
+	libboost-program-options-dev libssl-dev libspdlog-dev nlohmann-json3-dev \
+	libgtest-dev libgmock-dev libbenchmark-dev libcurl4-openssl-dev tinyproxy curl
+
+COMMA := ,
+JOBS ?= $(shell nproc)
+CMAKE_GENERATOR ?= Ninja
+CTEST_ARGS ?= --output-on-failure -j $(JOBS) --timeout 300
+
+SAN_DIR := $(CURDIR)/tests/sanitizers
+ASAN_ENV := ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1:detect_stack_use_after_return=1 \
+	LSAN_OPTIONS=suppressions=$(SAN_DIR)/lsan.supp:print_suppressions=0 \
+	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1:suppressions=$(SAN_DIR)/ubsan.supp
+TSAN_ENV := TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(SAN_DIR)/tsan.supp:report_signal_unsafe=0
+
+.PHONY: all deps build test test-asan test-tsan run format clean
+
+all: build
+
+deps:
+	@missing=""; for p in $(DEBIAN_PACKAGES); do \
+		dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "install ok installed" || missing="$$missing $$p"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+		echo "Installing missing Debian packages:$$missing"; \
+		if [ "$$(id -u)" -ne 0 ]; then echo "Run as root to install:$$missing" >&2; exit 1; fi; \
+		export DEBIAN_FRONTEND=noninteractive; \
+		apt-get update -qq && apt-get install -y -qq --no-install-recommends $$missing; \
+	fi
+
+# configure DIR [cmake args...]: configures once; later builds only re-run the generator.
+define configure
+	@[ -f $(1)/build.ninja ] || cmake -S . -B $(1) -G "$(CMAKE_GENERATOR)" $(2)
+endef
+
+build: deps
+	$(call configure,build,-DCMAKE_BUILD_TYPE=RelWithDebInfo)
+	cmake --build build -j $(JOBS)
+
+test: build
+	cd build && ctest $(CTEST_ARGS)
+
+test-asan: deps
+	$(call configure,build-asan,-DCMAKE_BUILD_TYPE=Debug -DTOLVA_SANITIZE=address$(COMMA)undefined -DTOLVA_BUILD_BENCH=OFF)
+	cmake --build build-asan -j $(JOBS)
+	cd build-asan && $(ASAN_ENV) ctest $(CTEST_ARGS)
+
+test-tsan: deps
+	$(call configure,build-tsan,-DCMAKE_BUILD_TYPE=Debug -DTOLVA_SANITIZE=thread -DTOLVA_BUILD_BENCH=OFF)
+	cmake --build build-tsan -j $(JOBS)
+	cd build-tsan && $(TSAN_ENV) ctest $(CTEST_ARGS)
+
+format:
+	git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+clean:
+	rm -rf build build-asan build-tsan

@@ -1,0 +1,11 @@
+# TOLVA_SANITIZE=address,undefined or TOLVA_SANITIZE=thread instruments everything we
+# build (libraries, tools, tests). Third-party binaries from Debian stay uninstrumented;
+# see tests/sanitizers/ for the suppressions that this requires.
+if(TOLVA_SANITIZE)
+    set(_tolva_san_flags -fsanitize=${TOLVA_SANITIZE} -fno-omit-frame-pointer -g)
+    if(TOLVA_SANITIZE MATCHES "undefined")
+        list(APPEND _tolva_san_flags -fno-sanitize-recover=all)
+    endif()
+    add_compile_options(${_tolva_san_flags})
+    add_link_options(-fsanitize=${TOLVA_SANITIZE})
+endif()

@@ -1,0 +1,10 @@
+# Warnings are errors in our own code. Third-party headers come in through imported
+# targets, whose include directories CMake marks as system headers.
+function(tolva_set_warnings target)
+    target_compile_options(${target} PRIVATE
+        -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
+        -Wno-unused-parameter -Werror)
+    # __FILE__ becomes the path relative to the source tree, so exception locations read
+    # "api/Tolva/Tolva/TolvaCore/QxPlatformApi.cpp" whatever the checkout directory.
+    target_compile_options(${target} PRIVATE "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=")
+endfunction()
