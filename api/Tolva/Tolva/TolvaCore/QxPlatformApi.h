@@ -1,0 +1,175 @@
+// QxPlatformApi: the one object through which the library talks to the QX Platform over REST.
+// It holds the platform URL, the API key (the client credential), the current access token and
+// the HTTP client, keeps the token fresh, posts notifications and runs the periodic heartbeat
+// task. Instances are made through MakeShared (or the two configuration factories) and are
+// always owned by shared pointers.
+#pragma once
+
+#include <TolvaCore/Token.h>
+#include <TolvaCore/TolvaExport.h>
+#include <TolvaCore/WebUtils.h>
+
+#include <ZuCore/BlockingQueue.h>
+#include <ZuCore/ConditionVariable.h>
+#include <ZuCore/Logger.h>
+#include <ZuCore/MakeShared.h>
+#include <ZuCore/Thread.h>
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include <cpprest/http_client.h>
+#include <pplx/pplxtasks.h>
+
+namespace Varkel {
+namespace Tolva {
+namespace Rest {
+
+class Mailbox;
+
+class TOLVA_EXPORT QxPlatformApi {
+  public:
+    using MailboxQueue =
+        Varkel::Zu::BlockingQueue<std::shared_ptr<Mailbox>, int, Varkel::Zu::Logger>;
+
+    // Makes the HTTP client, requests a first token (a failure is written to the debug log
+    // and construction goes on with an empty token), then starts the heartbeat task and
+    // creates the mailbox queue. Reached only through MakeShared::create<QxPlatformApi>(url,
+    // key). Blocks the calling thread for the token request (at most the client time-out of
+    // each step). Throws what building the HTTP client throws (a malformed "http_proxy"
+    // value makes URI parsing throw). Any thread.
+    QxPlatformApi(Varkel::Zu::MakeShared::PrivateConstructorType, const std::wstring& url,
+                  const std::wstring& key);
+
+    // Stops the object, in this order: clears the running flag, shuts the mailbox queue down,
+    // interrupts the heartbeat wait and waits for the heartbeat task (which finishes a pass
+    // already under way, including its token request), joins the mail polling thread if one
+    // was started, cancels every mailbox reception task and waits for each, and writes
+    // "TRACE: It took N ms to kill the mailbox reception tasks." to the debug log.
+    // Makes no REST call: platform mailboxes and service registrations are left as they are.
+    // Never throws. Runs on the thread that drops the last owner, which must not be the
+    // heartbeat task or an HTTP continuation.
+    virtual ~QxPlatformApi();
+
+    QxPlatformApi(const QxPlatformApi&) = delete;
+    QxPlatformApi& operator=(const QxPlatformApi&) = delete;
+
+    // Makes an API object from the JSON document in the environment variable
+    // "QX_PLATFORM_CONFIG": {"url": <platform URL>, "logging": {"credentials": <API key>}}.
+    // Returns an empty pointer when the variable is unset or empty. Parse errors and missing
+    // or mistyped members reach the caller as web::json::json_exception. Any thread.
+    static std::shared_ptr<QxPlatformApi> createFromEnvVar();
+
+    // Makes an API object from a configuration document of the same format as
+    // createFromEnvVar. Every std::exception on the way (bad JSON, missing member, wrong
+    // type) is logged on the root logger and rethrown as Varkel::Zu::InvalidArgumentException
+    // carrying its text. Any thread.
+    static std::shared_ptr<QxPlatformApi> createFromQXPlatformConfig(const std::wstring& config);
+
+    // Releases the HTTP client and makes a new one for the current platform URL (honouring
+    // "http_proxy", see WebUtils::createHttpClient). Requests already sent keep the client
+    // they were sent with. Throws what WebUtils::createHttpClient throws. Any thread.
+    void createClient();
+
+    // A copy of the platform URL. Never throws. Any thread.
+    std::wstring getPlatformUrl() const;
+
+    // A copy of the API key. Never throws. Any thread.
+    std::wstring getPlatformApiKey() const;
+
+    // Stores the URL, remakes the HTTP client and clears the current token, so that the next
+    // authorised call fetches a new one. Throws what createClient throws. Any thread.
+    void setPlatformUrl(std::wstring url);
+
+    // Stores the key and clears the current token; the HTTP client is kept. Never throws.
+    // Any thread.
+    void setPlatformApiKey(std::wstring key);
+
+    // Empties the current token's text and sets its expiry to the epoch (tick count 0); the
+    // account and key set are left as they are. Never throws. Any thread.
+    void clearToken();
+
+    // The current token itself, not a copy, and without any renewal. The reference stays
+    // valid for the object's lifetime, but its fields are rewritten when the token is renewed
+    // (by the heartbeat task every 5 seconds when due, or by any validating call), so read it
+    // only while no other thread can renew it. Never throws.
+    const Token& getCurrentToken();
+
+    // Publishes one notification: renews the token when due, then POSTs
+    // {"id", "time", "topic" (lower-cased), "content", "ttl" (only when ttl is not 0),
+    // "source": "Tolva"} to "/notifications/api/v1/notifications" and waits for the answer.
+    // Returns when the platform answered 204. Any other status, and any transport failure,
+    // throws a std::exception whose what() is the HTTP library's text (for a status failure
+    // the response body). pplx::task_canceled passes through unchanged. Sent once, never
+    // retried. Blocks the calling thread; any thread except an HTTP continuation.
+    void postNotification(const std::wstring& topic, const std::wstring& content, unsigned int ttl);
+
+  protected:
+    // Requests a new access token ("/identity/connect/token", client-credentials grant) and
+    // then the identity service's key set, and reads the platform account from the token's
+    // "acc" claim. Returns the complete new token; the current token is not changed, except
+    // that it is cleared when either request fails. Throws std::exception: with the HTTP
+    // library's text for transport and status failures (after clearing the current token),
+    // "Invalid JWT token. Expecting 3 parts" or "Invalid JWT token. Does not carry an 'acc'
+    // claim." for a token it cannot read; JSON and Base64 errors pass through as thrown.
+    // Blocks the calling thread for both requests one after the other.
+    Token getToken();
+
+    // Renews the current token when it is empty or fewer than 300 seconds of it remain.
+    // A failed renewal is logged and leaves the token cleared; nothing is thrown. Blocks
+    // while renewing.
+    void validateToken();
+
+    // Whether a token needs renewing at the instant now: its text is empty, or it expires
+    // fewer than 300 seconds after now (already expired included).
+    static bool isTokenDue(const Token& token, Token::TimePoint now);
+
+    // Starts the heartbeat task on the HTTP library's task pool and returns at once. Called
+    // once by the constructor.
+    void launchHeartbeatTask();
+
+  private:
+    friend std::shared_ptr<web::http::client::http_client> WebUtils::createHttpClient(
+        const std::wstring& url, const std::shared_ptr<QxPlatformApi>& api);
+
+    // One reception task per mailbox this object created.
+    struct MailboxEntry {
+        std::shared_ptr<Mailbox> mailbox;
+        pplx::task<void> receptionTask;
+    };
+
+    void heartbeatLoop();
+    std::shared_ptr<web::http::client::http_client> currentClient() const;
+    std::wstring currentAccessToken() const;
+    void storeToken(const Token& token);
+
+    static std::shared_ptr<Varkel::Zu::Logger> logger_;
+
+    // Guards the URL, the key, the current token and the client pointer. These are read by
+    // every request (the heartbeat task and caller threads alike) and rewritten by the
+    // setters and by token renewal; unguarded, that sharing would be a data race. It is held
+    // only to copy or assign those members, never across a request, so concurrent renewals
+    // still both fetch a token and the later assignment wins.
+    mutable std::mutex stateMutex_;
+
+    std::wstring platformUrl_;
+    std::wstring apiKey_;
+    Token currentToken_;
+    // Guards the mailbox table and is held by the heartbeat task for each whole pass.
+    std::mutex objectLock_;
+    std::atomic<bool> running_{false};
+    pplx::task<void> heartbeatTask_;
+    Varkel::Zu::ConditionVariable heartbeatWakeUp_;
+    std::shared_ptr<web::http::client::http_client> httpClient_;
+    std::map<std::wstring, MailboxEntry> mailboxTable_;
+    pplx::cancellation_token_source receptionCancellation_;
+    std::shared_ptr<MailboxQueue> mailboxQueue_;
+    std::shared_ptr<Varkel::Zu::Thread> queryLauncherThread_;
+};
+
+}  // namespace Rest
+}  // namespace Tolva
+}  // namespace Varkel

@@ -1,0 +1,5 @@
+// Visibility of the TolvaCore shared library: the library is built with hidden symbols by
+// default and marks its public classes and functions with TOLVA_EXPORT.
+#pragma once
+
+#define TOLVA_EXPORT __attribute__((visibility("default")))
