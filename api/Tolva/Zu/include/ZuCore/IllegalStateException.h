@@ -1,0 +1,26 @@
+// IllegalStateException: thrown when an operation was called while the object is in a state that
+// does not allow it.
+#pragma once
+
+#include <ZuCore/Exception.h>
+#include <ZuCore/LoggerLocationInfo.h>
+#include <ZuCore/StringHolder.h>
+#include <ZuCore/ZuExport.h>
+
+namespace Varkel {
+namespace Zu {
+
+// Thrown when an operation was called while the object is in a state that does not allow it. See
+// Exception for what it carries.
+class ZU_EXPORT IllegalStateException : public Exception {
+  public:
+    IllegalStateException();
+    explicit IllegalStateException(const StringHolder& message);
+    IllegalStateException(const StringHolder& message, const LoggerLocationInfo& where);
+    IllegalStateException(const IllegalStateException& other);
+    IllegalStateException& operator=(const IllegalStateException& other);
+    ~IllegalStateException() override;
+};
+
+}  // namespace Zu
+}  // namespace Varkel
