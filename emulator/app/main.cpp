@@ -1,0 +1,131 @@
+// qxp-emulator: runs a local QX Platform emulator until Ctrl-C (SIGINT) or SIGTERM.
+#include <qxpemu/Emulator.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include <pthread.h>
+
+namespace {
+
+constexpr unsigned short kDefaultPort = 8090;
+
+void printUsage(std::ostream& out) {
+    out << "Usage: qxp-emulator [options]\n"
+           "  --port N                 TCP port (default "
+        << kDefaultPort
+        << "; 0 picks a free one)\n"
+           "  --bind ADDRESS           address to listen on (default 127.0.0.1)\n"
+           "  --token-lifetime SECONDS lifetime of issued tokens (default 3600)\n"
+           "  --max-poll SECONDS       longest long-poll wait (default 30)\n"
+           "  --client ID:SECRET:ACCOUNT\n"
+           "                           a known client; repeat for more (default: one\n"
+           "                           built-in client whose API key is printed)\n"
+           "  --threads N              I/O threads (default 1)\n"
+           "  --key FILE               PEM RSA private key to sign with (default: generated)\n"
+           "  --heartbeat-interval-ms N expected heartbeat period (default 5000)\n"
+           "  --help                   this text\n";
+}
+
+int toInt(const std::string& option, const std::string& value, int low, int high) {
+    try {
+        std::size_t used = 0;
+        const long long number = std::stoll(value, &used);
+        if (used == value.size() && number >= low && number <= high) {
+            return int(number);
+        }
+    } catch (const std::exception&) {
+    }
+    throw std::invalid_argument(option + " needs a whole number from " + std::to_string(low) +
+                                " to " + std::to_string(high) + ", got \"" + value + "\"");
+}
+
+qxpemu::EmulatorOptions parseArguments(int argc, char** argv) {
+    qxpemu::EmulatorOptions options;
+    options.port = kDefaultPort;
+    for (int i = 1; i < argc; ++i) {
+        const std::string option = argv[i];
+        if (option == "--help" || option == "-h") {
+            printUsage(std::cout);
+            std::exit(0);
+        }
+        if (i + 1 >= argc) {
+            throw std::invalid_argument(
+                option == "--port" || option == "--bind" || option == "--token-lifetime" ||
+                        option == "--max-poll" || option == "--client" || option == "--threads" ||
+                        option == "--key" || option == "--heartbeat-interval-ms"
+                    ? option + " needs a value"
+                    : "unknown option " + option);
+        }
+        const std::string value = argv[++i];
+        if (option == "--port") {
+            options.port = static_cast<unsigned short>(toInt(option, value, 0, 65535));
+        } else if (option == "--bind") {
+            options.bindAddress = value;
+        } else if (option == "--token-lifetime") {
+            options.tokenLifetimeSeconds = toInt(option, value, -86400, 365 * 86400);
+        } else if (option == "--max-poll") {
+            options.maxPollSeconds = toInt(option, value, 0, 3600);
+        } else if (option == "--threads") {
+            options.threads = unsigned(toInt(option, value, 1, 64));
+        } else if (option == "--key") {
+            options.signingKeyPemFile = value;
+        } else if (option == "--heartbeat-interval-ms") {
+            options.heartbeatIntervalMs = toInt(option, value, 1, 3600000);
+        } else if (option == "--client") {
+            const auto first = value.find(':');
+            const auto second = first == std::string::npos ? first : value.find(':', first + 1);
+            if (second == std::string::npos || first == 0) {
+                throw std::invalid_argument("--client needs ID:SECRET:ACCOUNT, got \"" + value +
+                                            "\"");
+            }
+            options.clients.push_back({value.substr(0, first),
+                                       value.substr(first + 1, second - first - 1),
+                                       value.substr(second + 1)});
+        } else {
+            throw std::invalid_argument("unknown option " + option);
+        }
+    }
+    return options;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    qxpemu::EmulatorOptions options;
+    try {
+        options = parseArguments(argc, argv);
+    } catch (const std::exception& error) {
+        std::cerr << "qxp-emulator: " << error.what() << "\n";
+        printUsage(std::cerr);
+        return 2;
+    }
+
+    // Block the stop signals before any thread exists, so every I/O thread inherits the
+    // mask and only the sigwait below ever sees them.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+    try {
+        qxpemu::Emulator emulator(options);
+        emulator.start();
+        std::cout << "qxp-emulator listening on " << emulator.baseUrl() << "\n"
+                  << "QX_PLATFORM_CONFIG='" << emulator.platformConfig() << "'\n"
+                  << "Control interface: " << emulator.baseUrl() << "/_emulator/state\n"
+                  << "Press Ctrl-C to stop." << std::endl;
+        int received = 0;
+        sigwait(&stopSignals, &received);
+        std::cout << "qxp-emulator stopping" << std::endl;
+        emulator.stop();
+    } catch (const std::exception& error) {
+        std::cerr << "qxp-emulator: " << error.what() << "\n";
+        return 1;
+    }
+    return 0;
+}

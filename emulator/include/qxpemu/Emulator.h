@@ -1,0 +1,111 @@
+// An in-process QX Platform emulator: identity (RS256 tokens and key set), notifications
+// with mailboxes and long polling, and service discovery with heartbeat health, served over
+// HTTP on a local port, plus a control interface under "/_emulator/".
+//
+// Typical use in a test:
+//
+//     qxpemu::Emulator emulator;           // default client, random port
+//     emulator.start();
+//     auto api = makeApi(emulator.baseUrl(), emulator.apiKey());
+//     ...
+//     auto seen = emulator.requests();
+//
+// Every member may be called from any thread, also while the server runs. The server itself
+// runs on its own threads (EmulatorOptions::threads), never on the caller's.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <qxpemu/ClientCredentials.h>
+#include <qxpemu/EmulatorOptions.h>
+#include <qxpemu/FaultRule.h>
+#include <qxpemu/RecordedRequest.h>
+
+namespace qxpemu {
+
+class Emulator {
+  public:
+    // Prepares an emulator: makes the signing key (generated, or loaded from
+    // options.signingKeyPemFile) and the default client when none is given. Does not listen
+    // yet. Throws std::runtime_error when the key cannot be made or loaded.
+    explicit Emulator(EmulatorOptions options = {});
+
+    // Stops the server (see stop()).
+    ~Emulator();
+
+    Emulator(const Emulator&) = delete;
+    Emulator& operator=(const Emulator&) = delete;
+
+    // Binds, listens and starts the I/O threads; returns once the port accepts connections.
+    // Throws std::runtime_error when the address cannot be bound or the server is running.
+    void start();
+
+    // Closes the listener and every connection, answers nothing more, and joins the I/O
+    // threads. Pending long polls are cut off without an answer. Platform state (mailboxes,
+    // services, records) is kept, so start() may be called again. Idempotent; never throws.
+    void stop();
+
+    // The bound port (the chosen one when options.port was 0); 0 before the first start().
+    unsigned short port() const;
+
+    // "http://" + bind address + ":" + port(), without a trailing slash.
+    std::string baseUrl() const;
+
+    // base64(clientId + ":" + secret) of the first client: the API key a client library is
+    // configured with (sent verbatim after "Basic ").
+    std::string apiKey() const;
+
+    // A ready-to-use configuration document:
+    // {"url": baseUrl(), "logging": {"credentials": apiKey()}}.
+    std::string platformConfig() const;
+
+    // Copy of the recorded platform requests, oldest first (control requests excluded).
+    std::vector<RecordedRequest> requests() const;
+
+    // Blocks until at least `count` requests are recorded or `timeout` passes; returns the
+    // records as they stand then (check the size). For awaiting asynchronous traffic.
+    std::vector<RecordedRequest> waitForRequests(std::size_t count,
+                                                 std::chrono::milliseconds timeout) const;
+
+    // Forgets every recorded request.
+    void clearRequests();
+
+    // Appends a fault rule. Throws std::invalid_argument when pathPattern is not a valid
+    // ECMAScript regex or times is 0 or below -1.
+    void addFault(const FaultRule& rule);
+
+    // Removes every fault rule.
+    void clearFaults();
+
+    // Lifetime of tokens issued from now on (see EmulatorOptions::tokenLifetimeSeconds).
+    void setTokenLifetime(int seconds);
+
+    // Generates a new signing key, signs new tokens with it and keeps the previous keys in
+    // the key set, so tokens already issued stay valid.
+    void rotateKey();
+
+    // Back to a fresh state: no mailboxes, services, records or fault rules; token lifetime
+    // as in the options; retired keys dropped (the current signing key stays).
+    void reset();
+
+    // A valid access token for a known client, signed with the current key, exactly as the
+    // token endpoint would issue it. Throws std::invalid_argument for an unknown client.
+    std::string issueToken(const std::string& clientId) const;
+
+    // The served key set document (GET "/identity/.well-known/openid-configuration/jwks").
+    std::string keySet() const;
+
+    // The control interface's state document (GET "/_emulator/state"): mailboxes with
+    // subscriptions and queue depths, services with heartbeat ages and health, keys.
+    std::string state() const;
+
+  private:
+    class Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace qxpemu

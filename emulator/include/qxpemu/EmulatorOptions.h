@@ -1,0 +1,47 @@
+// Settings of one emulator instance, with their defaults.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include <qxpemu/ClientCredentials.h>
+
+namespace qxpemu {
+
+struct EmulatorOptions {
+    // Address to listen on; loopback unless asked otherwise.
+    std::string bindAddress = "127.0.0.1";
+    // TCP port; 0 lets the system choose (read it back with Emulator::port()).
+    unsigned short port = 0;
+    // Lifetime of issued access tokens ("expires_in"). A value <= 0 issues tokens that are
+    // already expired, which lets tests exercise expiry without waiting.
+    int tokenLifetimeSeconds = 3600;
+    // Longest long-poll wait; a poll asking "?timeout=N" waits min(N, maxPollSeconds).
+    int maxPollSeconds = 30;
+    // Threads running the I/O loop. Connections are served asynchronously; this is not a
+    // thread per connection.
+    unsigned threads = 1;
+    // Known clients; empty -> one default client whose API key is longer than 100
+    // characters (the facade's rule).
+    std::vector<ClientCredentials> clients;
+
+    // --- Additional settings ---
+    // PEM file holding the RSA private key to sign with; "" generates a fresh key.
+    std::string signingKeyPemFile;
+    // Size of generated RSA keys.
+    int rsaKeyBits = 2048;
+    // Expected heartbeat period of registered services. A service is "passing" while its
+    // last heartbeat (or its registration) is at most missedHeartbeatsForCritical periods
+    // old, "critical" afterwards.
+    int heartbeatIntervalMs = 5000;
+    int missedHeartbeatsForCritical = 3;
+    // Largest accepted request body; larger ones get 413.
+    std::size_t maxBodyBytes = 1024 * 1024;
+    // Notifications kept per mailbox; when full the oldest undelivered one is dropped.
+    std::size_t maxQueuedPerMailbox = 10000;
+    // Recorded requests kept; when full the oldest record is dropped.
+    std::size_t maxRecordedRequests = 100000;
+};
+
+}  // namespace qxpemu

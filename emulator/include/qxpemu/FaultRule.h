@@ -1,0 +1,26 @@
+// A rule that makes the emulator misbehave on purpose for matching requests.
+#pragma once
+
+#include <string>
+
+namespace qxpemu {
+
+// Applies to platform requests (never to the control interface). Rules are tried in the
+// order they were added; the first rule that matches and has uses left applies, and one use
+// is consumed. What it does, in this order: wait `delayMs`; then close the connection
+// without answering when `drop` is set; otherwise answer `status` (with `reason`, `body`
+// and `contentType`) when `status` is not 0; otherwise handle the request normally (a pure
+// delay).
+struct FaultRule {
+    std::string method;       // "" matches any method; otherwise compared exactly ("POST")
+    std::string pathPattern;  // ECMAScript regex that must match the whole path (no query)
+    int status = 0;           // 0: no canned answer
+    std::string reason;       // reason phrase; "" = the standard phrase of `status`
+    std::string body;
+    std::string contentType = "text/plain";
+    int delayMs = 0;
+    bool drop = false;  // close the connection without answering
+    int times = 1;      // matches left; -1 = every match
+};
+
+}  // namespace qxpemu

@@ -1,0 +1,191 @@
+#include "ControlApi.h"
+
+#include <stdexcept>
+
+#include "JsonBody.h"
+
+namespace qxpemu {
+namespace {
+
+HttpReply methodNotAllowed(const std::string& allowed) {
+    HttpReply reply = HttpReply::text(405, "method not allowed here; use " + allowed);
+    reply.extraHeaders.emplace_back("Allow", allowed);
+    return reply;
+}
+
+template <class T>
+T member(const nlohmann::json& object, const char* name, T fallback) {
+    const auto it = object.find(name);
+    if (it == object.end() || it->is_null()) {
+        return fallback;
+    }
+    try {
+        return it->get<T>();
+    } catch (const nlohmann::json::exception&) {
+        throw std::invalid_argument(std::string("member \"") + name + "\" has the wrong type");
+    }
+}
+
+int intMember(const nlohmann::json& object, const char* name, int fallback) {
+    const auto it = object.find(name);
+    if (it == object.end() || it->is_null()) {
+        return fallback;
+    }
+    if (!it->is_number_integer() || it->get<long long>() < -2147483647LL ||
+        it->get<long long>() > 2147483647LL) {
+        throw std::invalid_argument(std::string("member \"") + name + "\" must be an integer");
+    }
+    return it->get<int>();
+}
+
+}  // namespace
+
+nlohmann::json ControlApi::toJson(const RecordedRequest& request) {
+    nlohmann::json headers = nlohmann::json::array();
+    for (const auto& field : request.headers) {
+        headers.push_back({{"name", field.first}, {"value", field.second}});
+    }
+    return {{"method", request.method},
+            {"target", request.target},
+            {"headers", std::move(headers)},
+            {"body", request.body}};
+}
+
+nlohmann::json ControlApi::toJson(const FaultRule& rule) {
+    return {{"method", rule.method},   {"pathPattern", rule.pathPattern},
+            {"status", rule.status},   {"reason", rule.reason},
+            {"body", rule.body},       {"contentType", rule.contentType},
+            {"delayMs", rule.delayMs}, {"drop", rule.drop},
+            {"times", rule.times}};
+}
+
+FaultRule ControlApi::faultFromJson(const nlohmann::json& value) {
+    if (!value.is_object()) {
+        throw std::invalid_argument("a fault rule must be a JSON object");
+    }
+    if (!value.contains("pathPattern")) {
+        throw std::invalid_argument("member \"pathPattern\" is required");
+    }
+    FaultRule rule;
+    rule.method = member<std::string>(value, "method", rule.method);
+    rule.pathPattern = member<std::string>(value, "pathPattern", rule.pathPattern);
+    rule.status = intMember(value, "status", rule.status);
+    rule.reason = member<std::string>(value, "reason", rule.reason);
+    rule.body = member<std::string>(value, "body", rule.body);
+    rule.contentType = member<std::string>(value, "contentType", rule.contentType);
+    rule.delayMs = intMember(value, "delayMs", rule.delayMs);
+    rule.drop = member<bool>(value, "drop", rule.drop);
+    rule.times = intMember(value, "times", rule.times);
+    return rule;
+}
+
+HttpReply ControlApi::handle(const IncomingRequest& request) {
+    const std::string what = request.path.substr(std::string(kPrefix).size());
+    const std::string& method = request.method;
+
+    if (what == "requests") {
+        if (method == "GET") {
+            nlohmann::json list = nlohmann::json::array();
+            for (const auto& recorded : core_.log.all()) {
+                list.push_back(toJson(recorded));
+            }
+            return HttpReply::json(200, toJsonText(list));
+        }
+        if (method == "DELETE") {
+            core_.log.clear();
+            return HttpReply::empty(204);
+        }
+        return methodNotAllowed("GET, DELETE");
+    }
+    if (what == "faults") {
+        if (method == "GET") {
+            nlohmann::json list = nlohmann::json::array();
+            for (const auto& rule : core_.faults.rules()) {
+                list.push_back(toJson(rule));
+            }
+            return HttpReply::json(200, toJsonText(list));
+        }
+        if (method == "POST") {
+            nlohmann::json body;
+            const std::string problem = parseJsonBody(request.body, body);
+            if (!problem.empty()) {
+                return HttpReply::text(400, problem);
+            }
+            try {
+                core_.faults.add(faultFromJson(body));
+            } catch (const std::invalid_argument& error) {
+                return HttpReply::text(400, error.what());
+            }
+            return HttpReply::empty(204);
+        }
+        if (method == "DELETE") {
+            core_.faults.clear();
+            return HttpReply::empty(204);
+        }
+        return methodNotAllowed("GET, POST, DELETE");
+    }
+    if (what == "state") {
+        return method == "GET" ? HttpReply::json(200, toJsonText(core_.state()))
+                               : methodNotAllowed("GET");
+    }
+    if (what == "token-lifetime") {
+        if (method != "POST") {
+            return methodNotAllowed("POST");
+        }
+        nlohmann::json body;
+        const std::string problem = parseJsonBody(request.body, body);
+        if (!problem.empty()) {
+            return HttpReply::text(400, problem);
+        }
+        const auto seconds = body.is_object() ? body.find("seconds") : body.end();
+        if (!body.is_object() || seconds == body.end() || !seconds->is_number_integer() ||
+            seconds->get<long long>() < -2147483647LL || seconds->get<long long>() > 2147483647LL) {
+            return HttpReply::text(400, "expected {\"seconds\": <integer>}");
+        }
+        core_.identity.setLifetime(seconds->get<int>());
+        return HttpReply::empty(204);
+    }
+    if (what == "rotate-key") {
+        if (method != "POST") {
+            return methodNotAllowed("POST");
+        }
+        core_.keys.rotate();
+        return HttpReply::json(200, toJsonText(nlohmann::json{{"kid", core_.keys.currentKeyId()}}));
+    }
+    if (what == "token") {
+        if (method != "POST") {
+            return methodNotAllowed("POST");
+        }
+        std::string clientId = core_.options.clients.front().clientId;
+        if (!request.body.empty()) {
+            nlohmann::json body;
+            const std::string problem = parseJsonBody(request.body, body);
+            if (!problem.empty()) {
+                return HttpReply::text(400, problem);
+            }
+            try {
+                clientId = body.is_object() ? member<std::string>(body, "clientId", clientId)
+                                            : throw std::invalid_argument("expected an object");
+            } catch (const std::invalid_argument& error) {
+                return HttpReply::text(400, error.what());
+            }
+        }
+        try {
+            return HttpReply::json(
+                200, toJsonText(nlohmann::json{
+                         {"access_token", core_.identity.issue(clientId, "platform cluster")}}));
+        } catch (const std::invalid_argument& error) {
+            return HttpReply::text(404, error.what());
+        }
+    }
+    if (what == "reset") {
+        if (method != "POST") {
+            return methodNotAllowed("POST");
+        }
+        core_.reset();
+        return HttpReply::empty(204);
+    }
+    return HttpReply::text(404, "no such control endpoint: " + request.path);
+}
+
+}  // namespace qxpemu

@@ -1,0 +1,38 @@
+// Everything an emulator instance serves, independent of the transport: the options and
+// the identity, notification and discovery state, the request record and the fault rules.
+#pragma once
+
+#include <string>
+
+#include <qxpemu/EmulatorOptions.h>
+
+#include "DiscoveryRegistry.h"
+#include "FaultTable.h"
+#include "IdentityService.h"
+#include "KeyStore.h"
+#include "NotificationHub.h"
+#include "RequestLog.h"
+
+namespace qxpemu {
+
+struct EmulatorCore {
+    explicit EmulatorCore(EmulatorOptions emulatorOptions);
+
+    // The state document of the control interface.
+    nlohmann::json state() const;
+    // Fresh state (see Emulator::reset).
+    void reset();
+
+    const EmulatorOptions options;
+    KeyStore keys;
+    IdentityService identity;
+    NotificationHub hub;
+    DiscoveryRegistry discovery;
+    RequestLog log;
+    FaultTable faults;
+};
+
+// Fills in the default client when `options` names none.
+EmulatorOptions withDefaults(EmulatorOptions options);
+
+}  // namespace qxpemu

@@ -1,0 +1,59 @@
+#include "FaultTable.h"
+
+#include <stdexcept>
+
+namespace qxpemu {
+
+void FaultTable::add(const FaultRule& rule) {
+    if (rule.times == 0 || rule.times < -1) {
+        throw std::invalid_argument("fault rule: times must be -1 or at least 1");
+    }
+    if (rule.status != 0 && (rule.status < 200 || rule.status > 999)) {
+        throw std::invalid_argument("fault rule: status must be 0 or 200..999");
+    }
+    if (rule.delayMs < 0) {
+        throw std::invalid_argument("fault rule: delayMs must not be negative");
+    }
+    Entry entry{rule, {}};
+    try {
+        entry.pattern = std::regex(rule.pathPattern, std::regex::ECMAScript);
+    } catch (const std::regex_error& error) {
+        throw std::invalid_argument("fault rule: bad pathPattern: " + std::string(error.what()));
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    entries_.push_back(std::move(entry));
+}
+
+void FaultTable::clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    entries_.clear();
+}
+
+std::optional<FaultRule> FaultTable::take(const std::string& method, const std::string& path) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto it = entries_.begin(); it != entries_.end(); ++it) {
+        if (!it->rule.method.empty() && it->rule.method != method) {
+            continue;
+        }
+        if (!std::regex_match(path, it->pattern)) {
+            continue;
+        }
+        FaultRule applied = it->rule;
+        if (it->rule.times > 0 && --it->rule.times == 0) {
+            entries_.erase(it);
+        }
+        return applied;
+    }
+    return std::nullopt;
+}
+
+std::vector<FaultRule> FaultTable::rules() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<FaultRule> out;
+    for (const auto& entry : entries_) {
+        out.push_back(entry.rule);
+    }
+    return out;
+}
+
+}  // namespace qxpemu

@@ -1,0 +1,34 @@
+// The fault rules in force, matched against incoming platform requests.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include <qxpemu/FaultRule.h>
+
+namespace qxpemu {
+
+class FaultTable {
+  public:
+    // Throws std::invalid_argument for a bad pattern or use count.
+    void add(const FaultRule& rule);
+    void clear();
+    // The first rule matching method and path with uses left, one use consumed.
+    std::optional<FaultRule> take(const std::string& method, const std::string& path);
+    // The rules with their remaining uses.
+    std::vector<FaultRule> rules() const;
+
+  private:
+    struct Entry {
+        FaultRule rule;
+        std::regex pattern;
+    };
+    mutable std::mutex mutex_;
+    std::vector<Entry> entries_;
+};
+
+}  // namespace qxpemu

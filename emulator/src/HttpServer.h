@@ -1,0 +1,42 @@
+// The HTTP transport: an acceptor and a pool of I/O threads on one io_context. Every
+// connection is an asynchronous HttpSession; no thread is tied to a connection.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include "EmulatorCore.h"
+
+namespace qxpemu {
+
+class HttpServer {
+  public:
+    explicit HttpServer(EmulatorCore& core);
+    ~HttpServer();
+
+    // Binds and starts the threads; throws std::runtime_error when binding fails.
+    void start(const std::string& address, unsigned short port, unsigned threads);
+    // Stops accepting, cuts every connection and joins the threads.
+    void stop();
+    unsigned short port() const { return port_; }
+
+  private:
+    void accept();
+    void scheduleSweep();
+
+    EmulatorCore& core_;
+    boost::asio::io_context io_;
+    boost::asio::ip::tcp::acceptor acceptor_;
+    boost::asio::steady_timer sweepTimer_;
+    boost::asio::steady_timer acceptRetryTimer_;
+    std::vector<std::thread> threads_;
+    unsigned short port_ = 0;
+};
+
+}  // namespace qxpemu

@@ -1,0 +1,235 @@
+#include "HttpSession.h"
+
+#include <chrono>
+
+#include <boost/asio/dispatch.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/beast/http/error.hpp>
+#include <boost/beast/http/read.hpp>
+#include <boost/beast/http/write.hpp>
+
+#include "ControlApi.h"
+#include "PlatformRouter.h"
+
+namespace qxpemu {
+
+namespace net = boost::asio;
+namespace beast = boost::beast;
+namespace http = boost::beast::http;
+
+namespace {
+
+// An idle keep-alive connection is closed after this long without a request.
+constexpr std::chrono::seconds kIdleTimeout(300);
+constexpr std::uint32_t kHeaderLimit = 64 * 1024;
+
+bool startsWith(const std::string& textIn, const char* prefix) {
+    return textIn.rfind(prefix, 0) == 0;
+}
+
+}  // namespace
+
+HttpSession::HttpSession(net::ip::tcp::socket&& socket, EmulatorCore& core)
+    : stream_(std::move(socket)), timer_(stream_.get_executor()), core_(core) {}
+
+void HttpSession::run() {
+    net::dispatch(stream_.get_executor(), [self = shared_from_this()] { self->readRequest(); });
+}
+
+void HttpSession::readRequest() {
+    parser_.emplace();
+    parser_->body_limit(core_.options.maxBodyBytes);
+    parser_->header_limit(kHeaderLimit);
+    stream_.expires_after(kIdleTimeout);
+    http::async_read(
+        stream_, buffer_, *parser_,
+        [self = shared_from_this()](beast::error_code error, std::size_t) { self->onRead(error); });
+}
+
+void HttpSession::onRead(beast::error_code error) {
+    if (error == http::error::body_limit) {
+        send(HttpReply::text(413, "request body larger than " +
+                                      std::to_string(core_.options.maxBodyBytes) + " bytes"),
+             true);
+        return;
+    }
+    if (error == http::error::header_limit) {
+        send(HttpReply::text(
+                 431, "request header larger than " + std::to_string(kHeaderLimit) + " bytes"),
+             true);
+        return;
+    }
+    if (error == http::error::end_of_stream || error == net::error::eof ||
+        error == beast::error::timeout || error == net::error::operation_aborted ||
+        error == net::error::connection_reset || error == net::error::broken_pipe ||
+        error == http::error::partial_message) {
+        closeConnection();
+        return;
+    }
+    if (error) {
+        send(HttpReply::text(400, "malformed HTTP request: " + error.message()), true);
+        return;
+    }
+    stream_.expires_never();
+
+    auto message = parser_->release();
+    parser_.reset();
+    // Long polls park thousands of idle connections; give back the read buffer meanwhile.
+    if (buffer_.size() == 0) {
+        buffer_.shrink_to_fit();
+    }
+    request_ = IncomingRequest();
+    request_.method = std::string(message.method_string());
+    request_.target = std::string(message.target());
+    const auto question = request_.target.find('?');
+    request_.path = request_.target.substr(0, question);
+    request_.query = question == std::string::npos ? "" : request_.target.substr(question + 1);
+    for (const auto& field : message) {
+        request_.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
+    }
+    request_.body = std::move(message.body());
+    keepAlive_ = message.keep_alive();
+    httpVersion_ = message.version();
+    handleRequest();
+}
+
+void HttpSession::handleRequest() {
+    if (startsWith(request_.path, ControlApi::kPrefix)) {
+        send(ControlApi(core_).handle(request_));
+        return;
+    }
+    core_.log.add(
+        RecordedRequest{request_.method, request_.target, request_.headers, request_.body});
+    if (auto fault = core_.faults.take(request_.method, request_.path)) {
+        if (fault->delayMs > 0) {
+            timer_.expires_after(std::chrono::milliseconds(fault->delayMs));
+            timer_.async_wait([self = shared_from_this(), rule = *fault](beast::error_code error) {
+                if (!error) {
+                    self->applyFault(rule);
+                }
+            });
+            return;
+        }
+        applyFault(*fault);
+        return;
+    }
+    dispatch();
+}
+
+void HttpSession::applyFault(const FaultRule& fault) {
+    if (fault.drop) {
+        closeConnection();
+        return;
+    }
+    if (fault.status != 0) {
+        HttpReply reply;
+        reply.status = unsigned(fault.status);
+        reply.reason = fault.reason;
+        reply.contentType = fault.contentType;
+        reply.body = fault.body;
+        send(std::move(reply));
+        return;
+    }
+    dispatch();
+}
+
+void HttpSession::dispatch() {
+    RouteOutcome outcome = PlatformRouter(core_).route(request_);
+    if (outcome.longPoll) {
+        startPoll(outcome.mailboxId, outcome.waitSeconds);
+        return;
+    }
+    send(std::move(outcome.reply));
+}
+
+void HttpSession::startPoll(const std::string& mailboxId, int waitSeconds) {
+    // The hub owns the waiter while it is parked, and the waiter's completion owns this
+    // session: a parked poll keeps its connection alive without a pending operation, and the
+    // session holds only a weak reference back, so there is no cycle to leak at shutdown.
+    auto waiter = std::make_shared<PollWaiter>();
+    waiter->complete = [self = shared_from_this()](HttpReply reply) {
+        net::post(self->stream_.get_executor(), [self, reply = std::move(reply)]() mutable {
+            self->finishPoll(std::move(reply));
+        });
+    };
+    HttpReply reply;
+    switch (core_.hub.startPoll(mailboxId, waiter, reply)) {
+        case NotificationHub::PollStart::Unknown:
+            send(HttpReply::text(404, "unknown mailbox " + mailboxId));
+            return;
+        case NotificationHub::PollStart::Answered:
+            send(std::move(reply));
+            return;
+        case NotificationHub::PollStart::Waiting:
+            break;
+    }
+    waiter_ = waiter;
+    pollMailbox_ = mailboxId;
+    timer_.expires_after(std::chrono::seconds(waitSeconds));
+    timer_.async_wait([self = shared_from_this()](beast::error_code error) {
+        if (error) {
+            return;
+        }
+        // Mail, a newer poll or a deletion may have taken the waiter already; then that path
+        // has posted the answer and this wake-up has nothing to do.
+        auto parked = self->waiter_.lock();
+        if (parked && self->core_.hub.withdrawPoll(self->pollMailbox_, parked)) {
+            self->waiter_.reset();
+            self->send(HttpReply::empty(204));
+        }
+    });
+}
+
+void HttpSession::finishPoll(HttpReply reply) {
+    timer_.cancel();
+    waiter_.reset();
+    send(std::move(reply));
+}
+
+void HttpSession::send(HttpReply reply, bool forceClose) {
+    response_.emplace();
+    auto& response = *response_;
+    response.version(httpVersion_);
+    response.result(reply.status);
+    if (!reply.reason.empty()) {
+        response.reason(reply.reason);
+    } else if (http::obsolete_reason(http::int_to_status(reply.status)) == "<unknown-status>") {
+        response.reason("Unknown");
+    }
+    response.set(http::field::server, "qxp-emulator");
+    const bool bodyAllowed = !(reply.status < 200 || reply.status == 204 || reply.status == 304);
+    if (bodyAllowed) {
+        if (!reply.contentType.empty()) {
+            response.set(http::field::content_type, reply.contentType);
+        }
+        response.body() = std::move(reply.body);
+    }
+    for (const auto& field : reply.extraHeaders) {
+        response.insert(field.first, field.second);
+    }
+    const bool close = forceClose || !keepAlive_;
+    response.keep_alive(!close);
+    response.prepare_payload();
+    http::async_write(stream_, response,
+                      [self = shared_from_this(), close](beast::error_code error, std::size_t) {
+                          self->onWritten(error, close);
+                      });
+}
+
+void HttpSession::onWritten(beast::error_code error, bool close) {
+    response_.reset();
+    if (error || close) {
+        closeConnection();
+        return;
+    }
+    readRequest();
+}
+
+void HttpSession::closeConnection() {
+    beast::error_code ignored;
+    stream_.socket().shutdown(net::ip::tcp::socket::shutdown_both, ignored);
+    stream_.close();
+    timer_.cancel();
+}
+
+}  // namespace qxpemu

@@ -1,0 +1,58 @@
+// One client connection: reads requests, records them, applies fault rules, answers them
+// through the routers, and parks long polls without holding a thread.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http/message.hpp>
+#include <boost/beast/http/parser.hpp>
+#include <boost/beast/http/string_body.hpp>
+
+#include "EmulatorCore.h"
+#include "HttpExchange.h"
+#include "PollWaiter.h"
+
+namespace qxpemu {
+
+class HttpSession : public std::enable_shared_from_this<HttpSession> {
+  public:
+    HttpSession(boost::asio::ip::tcp::socket&& socket, EmulatorCore& core);
+
+    // Starts reading; the session keeps itself alive through its pending operations.
+    void run();
+
+  private:
+    void readRequest();
+    void onRead(boost::beast::error_code error);
+    void handleRequest();
+    void applyFault(const FaultRule& fault);
+    void dispatch();
+    void startPoll(const std::string& mailboxId, int waitSeconds);
+    void finishPoll(HttpReply reply);
+    void send(HttpReply reply, bool forceClose = false);
+    void onWritten(boost::beast::error_code error, bool close);
+    void closeConnection();
+
+    boost::beast::tcp_stream stream_;
+    boost::beast::flat_buffer buffer_;
+    std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;
+    boost::asio::steady_timer timer_;
+    EmulatorCore& core_;
+
+    IncomingRequest request_;
+    unsigned httpVersion_ = 11;
+    bool keepAlive_ = true;
+
+    std::weak_ptr<PollWaiter> waiter_;
+    std::string pollMailbox_;
+
+    std::optional<boost::beast::http::response<boost::beast::http::string_body>> response_;
+};
+
+}  // namespace qxpemu
