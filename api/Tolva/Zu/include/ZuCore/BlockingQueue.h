@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -395,6 +396,10 @@ class BlockingQueue : public BlockingQueueBase {
             setEnabled(false);
         }
     }
+
+    // Diagnostics: waits registered on the queue's condition since it last woke everyone
+    // (see ConditionVariableBase::getWaiterCount). Needs no lock.
+    std::uint32_t getWaiterCount() const { return _condition.getWaiterCount(); }
 
     // The logger of this instantiation.
     static const std::shared_ptr<LoggerT>& getLogger() {

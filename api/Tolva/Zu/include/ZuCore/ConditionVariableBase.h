@@ -91,15 +91,16 @@ class ZU_EXPORT ConditionVariableBase {
     // about to wait sees the change instead of missing the interrupt.
     void interruptAll();
 
+    // Diagnostics: whether a wake semaphore exists right now (one is made by the first
+    // waiter after a notify), and how many waits were registered since the last notify or
+    // interrupt (including ones that have already ended by deadline).
+    bool hasWakeSemaphore();
+    std::uint32_t getWaiterCount() const { return _waiters.load(); }
+
   protected:
     // Waits on `entry` until notified (true), or until the deadline or an interruption
     // (false). The caller's lock must already be released.
     bool waitOnEntry(Entry& entry, const std::chrono::steady_clock::time_point& deadline);
-
-    // Introspection for tests: whether a wake semaphore exists right now, and how many
-    // waiters registered since the last notify or interrupt.
-    bool hasWakeSemaphore();
-    std::uint32_t getWaiterCount() const { return _waiters.load(); }
 
   private:
     void signalAll(bool interrupted);
