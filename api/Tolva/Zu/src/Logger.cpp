@@ -347,9 +347,11 @@ std::shared_ptr<Logger> Logger::getLogger(const std::string& name) {
 }
 
 std::shared_ptr<Logger> Logger::getRootLogger() {
-    // Cached: the root logger is asked for on every throw.
-    static const std::shared_ptr<Logger> root = LoggerRegistry::instance().getLogger(kRootName);
-    return root;
+    // Cached, since the root logger is asked for on every throw, and never destroyed, like
+    // the registry, so that throws during process exit still find it.
+    static const std::shared_ptr<Logger>* root =
+        new std::shared_ptr<Logger>(LoggerRegistry::instance().getLogger(kRootName));
+    return *root;
 }
 
 const Logger::Level& Logger::getTraceLevel() noexcept {
