@@ -354,3 +354,56 @@ TEST_F(LoggerTest, ConcurrentRecordsAreWrittenWhole) {
     }
     EXPECT_EQ(distinct.size(), static_cast<std::size_t>(kThreads * kRecords));
 }
+
+TEST_F(LoggerTest, SwitchingTheLogFileWhileOthersLogLosesAndDuplicatesNothing) {
+    const auto first = std::filesystem::current_path() / "switch-first.log";
+    const auto second = std::filesystem::current_path() / "switch-second.log";
+    ASSERT_TRUE(Logger::setLogFile(first.string(), true));
+    Logger::setStderrEnabled(false);
+    auto logger = Logger::getLogger("TolvaCore.LoggerTest.Switch");
+    constexpr int kThreads = 4;
+    constexpr int kRecords = 300;
+    std::atomic<int> started{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&] {
+            ++started;
+            for (int i = 0; i < kRecords; ++i) {
+                logger->log(L"switching", ZU_LOCATION, Logger::getErrorLevel());
+            }
+        });
+    }
+    while (started.load() < kThreads) {
+        std::this_thread::yield();
+    }
+    ASSERT_TRUE(Logger::setLogFile(second.string(), true));
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    Logger::setStderrEnabled(true);
+    const std::size_t total = lines(readFile(first)).size() + lines(readFile(second)).size();
+    EXPECT_EQ(total, static_cast<std::size_t>(kThreads * kRecords));
+}
+
+TEST_F(LoggerTest, ObserversComeAndGoWhileOthersLog) {
+    auto logger = Logger::getLogger("TolvaCore.LoggerTest.Churn");
+    Logger::setStderrEnabled(false);
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        while (!stop.load()) {
+            logger->log(L"churn", ZU_LOCATION, Logger::getErrorLevel());
+        }
+    });
+    for (int i = 0; i < 50; ++i) {
+        ZuTest::RecordCollector collector;
+        logger->log(L"mine", ZU_LOCATION, Logger::getErrorLevel());
+        bool sawMine = false;
+        for (const auto& record : collector.recordsOf("TolvaCore.LoggerTest.Churn")) {
+            sawMine = sawMine || record.message == L"mine";
+        }
+        EXPECT_TRUE(sawMine);
+    }
+    stop.store(true);
+    writer.join();
+    Logger::setStderrEnabled(true);
+}
