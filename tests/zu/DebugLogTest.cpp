@@ -33,8 +33,14 @@ std::vector<std::string> lines(const std::string& text) {
     return result;
 }
 
+// A folder of its own for each call, also when a test is repeated in one process.
+std::filesystem::path uniquePath(const std::string& name) {
+    static int counter = 0;
+    return std::filesystem::current_path() / (name + "-" + std::to_string(++counter));
+}
+
 std::filesystem::path freshFolder(const std::string& name) {
-    const auto folder = std::filesystem::current_path() / name;
+    const auto folder = uniquePath(name);
     std::filesystem::create_directories(folder);
     return folder;
 }
@@ -81,7 +87,7 @@ TEST(DebugLogTest, OpensAtFirstWriteAndTruncates) {
 }
 
 TEST(DebugLogTest, MissingFolderDropsWritesSilently) {
-    const auto path = std::filesystem::current_path() / "no-such-folder" / "ZuLog.txt";
+    const auto path = uniquePath("no-such-folder") / "ZuLog.txt";
     DebugLog log(path.string());
     EXPECT_NO_THROW(log.writeLine("TRACE: ", std::wstring(L"dropped")));
     EXPECT_FALSE(log.isOpen());
@@ -127,11 +133,13 @@ TEST(DebugLogTest, ConcurrentWritersProduceWholeLines) {
 TEST(DebugLogTest, ProcessWideLogSurvivesConcurrentStaticWriters) {
     constexpr int kThreads = 4;
     constexpr int kLines = 100;
+    static int runs = 0;  // Tells this run's lines from a repeated run's.
+    const std::string tag = "static run " + std::to_string(++runs) + " ";
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([t] {
+        threads.emplace_back([t, &tag] {
             for (int i = 0; i < kLines; ++i) {
-                DebugLog::error(L"static " + std::to_wstring(t) + L"/" + std::to_wstring(i));
+                DebugLog::error(tag + std::to_string(t) + "/" + std::to_string(i));
             }
         });
     }
@@ -140,7 +148,7 @@ TEST(DebugLogTest, ProcessWideLogSurvivesConcurrentStaticWriters) {
     }
     int found = 0;
     for (const auto& line : lines(TolvaTest::readDebugLog())) {
-        if (line.rfind("ERROR: static ", 0) == 0) {
+        if (line.rfind("ERROR: " + tag, 0) == 0) {
             ++found;
         }
     }
