@@ -25,7 +25,7 @@
 //       levels per logger name (or name prefix), comma separated; "root=..." sets the root.
 //       Entries that cannot be parsed are reported once on standard error and ignored.
 //   ZU_LOG_FILE=/var/log/myapp/tolva.log
-//       also write records to this file (appending; the folder must exist).
+//       also write records to this file (appending; missing folders are created).
 //   ZU_LOG_STDERR=0
 //       do not write records to standard error (which is on by default).
 //
@@ -141,7 +141,8 @@ class ZU_EXPORT Logger {
     static void reloadConfiguration();
 
     // Also writes records to this file from now on (the previous file, if any, is closed).
-    // truncate: start the file empty instead of appending. An empty path stops file output.
+    // truncate: start the file empty instead of appending. Missing folders are created. An
+    // empty path stops file output.
     // Returns false if the file cannot be opened (file output is then off).
     static bool setLogFile(const std::string& path, bool truncate = false);
 
