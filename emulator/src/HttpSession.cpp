@@ -22,6 +22,9 @@ namespace {
 // An idle keep-alive connection is closed after this long without a request.
 constexpr std::chrono::seconds kIdleTimeout(300);
 constexpr std::uint32_t kHeaderLimit = 64 * 1024;
+// How long, and how much, a connection closed after an early answer is drained.
+constexpr std::chrono::seconds kLingerTimeout(2);
+constexpr std::size_t kLingerDrainLimit = 64 * 1024 * 1024;
 
 bool startsWith(const std::string& textIn, const char* prefix) {
     return textIn.rfind(prefix, 0) == 0;
@@ -218,11 +221,39 @@ void HttpSession::send(HttpReply reply, bool forceClose) {
 
 void HttpSession::onWritten(beast::error_code error, bool close) {
     response_.reset();
-    if (error || close) {
+    if (error) {
         closeConnection();
         return;
     }
+    if (close) {
+        lingerThenClose();
+        return;
+    }
     readRequest();
+}
+
+void HttpSession::lingerThenClose() {
+    // A client answered early (413, 431, 400) may still be sending; closing at once would
+    // reset the connection and destroy the answer in flight. Stop sending, drain what comes
+    // for a while, then close.
+    beast::error_code ignored;
+    stream_.socket().shutdown(net::ip::tcp::socket::shutdown_send, ignored);
+    stream_.expires_after(kLingerTimeout);
+    drain(0);
+}
+
+void HttpSession::drain(std::size_t drained) {
+    buffer_.consume(buffer_.size());
+    stream_.async_read_some(
+        buffer_.prepare(16 * 1024),
+        [self = shared_from_this(), drained](beast::error_code error, std::size_t count) {
+            if (error || drained + count > kLingerDrainLimit) {
+                self->closeConnection();
+                return;
+            }
+            self->buffer_.commit(count);
+            self->drain(drained + count);
+        });
 }
 
 void HttpSession::closeConnection() {

@@ -37,6 +37,8 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     void finishPoll(HttpReply reply);
     void send(HttpReply reply, bool forceClose = false);
     void onWritten(boost::beast::error_code error, bool close);
+    void lingerThenClose();
+    void drain(std::size_t drained);
     void closeConnection();
 
     boost::beast::tcp_stream stream_;
