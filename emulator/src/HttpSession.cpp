@@ -168,6 +168,9 @@ void HttpSession::startPoll(const std::string& mailboxId, int waitSeconds) {
     }
     waiter_ = waiter;
     pollMailbox_ = mailboxId;
+    // Nothing of the request is needed to answer the poll; a parked connection should cost
+    // as little as possible.
+    request_ = IncomingRequest();
     timer_.expires_after(std::chrono::seconds(waitSeconds));
     timer_.async_wait([self = shared_from_this()](beast::error_code error) {
         if (error) {
