@@ -150,8 +150,11 @@ void HttpSession::startPoll(const std::string& mailboxId, int waitSeconds) {
     // session: a parked poll keeps its connection alive without a pending operation, and the
     // session holds only a weak reference back, so there is no cycle to leak at shutdown.
     auto waiter = std::make_shared<PollWaiter>();
-    waiter->complete = [self = shared_from_this()](HttpReply reply) {
-        net::post(self->stream_.get_executor(), [self, reply = std::move(reply)]() mutable {
+    // The completion runs on whichever thread delivers; it only hops onto this session's
+    // strand, with the executor taken here so nothing of the session is read over there.
+    waiter->complete = [self = shared_from_this(),
+                        strand = stream_.get_executor()](HttpReply reply) {
+        net::post(strand, [self, reply = std::move(reply)]() mutable {
             self->finishPoll(std::move(reply));
         });
     };
