@@ -203,3 +203,19 @@ TEST(ThreadTest, InterruptIsConsumedByTheWaitThatReportsIt) {
     EXPECT_EQ(first.load(), 0);
     EXPECT_EQ(second.load(), 1);
 }
+
+TEST(ThreadTest, RenamingARunningThreadRenamesItInTheSystem) {
+    std::promise<void> renamed;
+    std::shared_future<void> renamedFuture = renamed.get_future().share();
+    std::promise<std::string> systemName;
+    auto thread = Thread::create(L"first", [&, renamedFuture] {
+        renamedFuture.wait();
+        char buffer[32] = {};
+        pthread_getname_np(pthread_self(), buffer, sizeof buffer);
+        systemName.set_value(buffer);
+    });
+    thread->setName(L"second");
+    renamed.set_value();
+    EXPECT_EQ(systemName.get_future().get(), "second");
+    thread->join();
+}

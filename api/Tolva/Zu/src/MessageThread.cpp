@@ -127,10 +127,14 @@ void MessageThread::workerLoop() {
             ZU_LOG_ERROR(messageThreadLogger(), L"Message " + message->getName() + L" on " +
                                                     getName() + L" threw an unknown exception");
         }
+        {
+            // Cleared before completion is signalled, so that once a waiter sees the
+            // message completed, stop(true) no longer reports it as running.
+            std::lock_guard<std::mutex> guard(queueMutex_);
+            current_.reset();
+        }
         message->setProcessed();
         message->signalCompletion();
-        std::lock_guard<std::mutex> guard(queueMutex_);
-        current_.reset();
     }
 }
 

@@ -50,6 +50,11 @@ Thread::Context::Context(const std::wstring& name, std::function<void()> body,
 
 Thread::Context::~Context() = default;
 
+std::wstring Thread::Context::getName() const {
+    std::lock_guard<std::mutex> guard(nameMutex_);
+    return name_;
+}
+
 std::shared_ptr<Thread> Thread::create(const std::wstring& name, std::function<void()> body,
                                        ThreadEnum::Priority priority) {
     // The constructor is protected; a local subclass gives make_shared access to it.
@@ -101,11 +106,14 @@ void Thread::start() {
     id_ = thread_.get_id();
     handle_ = thread_.native_handle();
     started_ = true;
-    setSystemThreadName(handle_, Named::getName());
 }
 
 void Thread::run(const std::shared_ptr<Context>& context) {
     detail::InterruptState::setCurrent(context->interrupt_.get());
+    {
+        std::lock_guard<std::mutex> guard(context->nameMutex_);
+        setSystemThreadName(pthread_self(), context->name_);
+    }
     try {
         context->body_();
     } catch (const Exception& error) {
@@ -170,6 +178,8 @@ std::thread::id Thread::getCurrentID() {
 void Thread::setName(const std::wstring& name) {
     std::lock_guard<std::mutex> guard(mutex_);
     Named::setName(name);
+    std::lock_guard<std::mutex> nameGuard(context_->nameMutex_);
+    context_->name_ = name;
     if (started_ && !joining_) {
         setSystemThreadName(handle_, name);
     }

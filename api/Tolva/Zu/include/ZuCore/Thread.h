@@ -41,11 +41,15 @@ class ZU_EXPORT Thread : public Named {
         Context(const Context&) = delete;
         Context& operator=(const Context&) = delete;
 
-        const std::wstring& getName() const { return name_; }
+        // The current name of the thread (setName changes it). Any thread.
+        std::wstring getName() const;
         ThreadEnum::Priority getPriority() const { return priority_; }
 
       private:
         friend class Thread;
+        // The running thread applies the name to itself when it starts, under this mutex,
+        // so that a rename racing with the start is never overwritten by the old name.
+        mutable std::mutex nameMutex_;
         std::wstring name_;
         std::function<void()> body_;
         ThreadEnum::Priority priority_;
