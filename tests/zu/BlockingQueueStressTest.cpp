@@ -61,7 +61,7 @@ void expectExactlyOnce(const std::vector<int>& stored, const std::vector<int>& d
 TEST(BlockingQueueStressTest, ManyProducersAndConsumersDeliverEveryElementExactlyOnce) {
     constexpr int kProducers = 4;
     constexpr int kConsumers = 4;
-    constexpr int kEach = 2000;
+    constexpr int kEach = 5000;
     constexpr int kTotal = kProducers * kEach;
     Queue queue(16);
     std::atomic<int> received{0};
@@ -129,7 +129,9 @@ TEST(BlockingQueueStressTest, ManyProducersAndConsumersDeliverEveryElementExactl
 TEST(BlockingQueueStressTest, EpochsInterruptsAndPausingNeitherLoseNorDuplicate) {
     constexpr int kProducers = 3;
     constexpr int kConsumers = 3;
-    constexpr int kEach = 1000;
+    constexpr int kEach = 1000;  // at least this many stored per producer
+    constexpr int kSteps = 600;  // state changes made by the controller
+    constexpr int kValueStride = 10000000;
     Queue queue(8, 1);
     OverrunMeter overrun;
     const auto giveUp = Clock::now() + kGiveUp;
@@ -142,8 +144,9 @@ TEST(BlockingQueueStressTest, EpochsInterruptsAndPausingNeitherLoseNorDuplicate)
     std::vector<std::thread> consumers;
     for (int p = 0; p < kProducers; ++p) {
         producers.emplace_back([&, p] {
-            for (int i = 0; i < kEach && Clock::now() < giveUp;) {
-                const int value = p * kEach + i;
+            // Producers go on while the controller works, so every change meets traffic.
+            for (int i = 0; (i < kEach || controlling.load()) && Clock::now() < giveUp;) {
+                const int value = p * kValueStride + i;
                 Lock lock(queue.getMutex());
                 // Producers use the epoch they read (it may move on before they put), or 0.
                 const int epoch = (i % 3 == 0) ? 0 : queue.getEpoch();
@@ -196,7 +199,7 @@ TEST(BlockingQueueStressTest, EpochsInterruptsAndPausingNeitherLoseNorDuplicate)
         });
     }
     std::thread controller([&] {
-        for (int step = 0; !producersDone.load() && Clock::now() < giveUp; ++step) {
+        for (int step = 0; step < kSteps && Clock::now() < giveUp; ++step) {
             {
                 Lock lock(queue.getMutex());
                 switch (step % 6) {
@@ -229,11 +232,11 @@ TEST(BlockingQueueStressTest, EpochsInterruptsAndPausingNeitherLoseNorDuplicate)
         controlling = false;
     });
 
+    controller.join();
     for (auto& producer : producers) {
         producer.join();
     }
     producersDone = true;
-    controller.join();
     for (auto& consumer : consumers) {
         consumer.join();
     }
@@ -246,7 +249,7 @@ TEST(BlockingQueueStressTest, EpochsInterruptsAndPausingNeitherLoseNorDuplicate)
     for (const auto& values : delivered) {
         allDelivered.insert(allDelivered.end(), values.begin(), values.end());
     }
-    EXPECT_EQ(allStored.size(), static_cast<std::size_t>(kProducers * kEach));
+    EXPECT_GE(allStored.size(), static_cast<std::size_t>(kProducers * kEach));
     expectExactlyOnce(allStored, allDelivered);
     EXPECT_LT(overrun.worstMs.load(), kOverrunLimitMs);
 }

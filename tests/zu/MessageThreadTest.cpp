@@ -353,3 +353,43 @@ TEST(MessageThreadTest, ConcurrentPostersKeepTheirOwnOrder) {
         next[poster] = index + 1;
     }
 }
+
+// Posters keep posting and waiting while the worker is stopped immediately under them:
+// every accepted message completes (run or discarded), every refused one throws, and no
+// waiter hangs.
+TEST(MessageThreadTest, StressImmediateStopUnderConcurrentPostersLeavesNoWaiterHanging) {
+    for (int round = 0; round < 20; ++round) {
+        auto worker = makeWorker(4);
+        worker->start();
+        std::atomic<int> processed{0};
+        std::atomic<int> incomplete{0};
+        std::atomic<int> acceptedCount{0};
+        std::atomic<bool> stopping{false};
+        std::vector<std::thread> posters;
+        for (int p = 0; p < 3; ++p) {
+            posters.emplace_back([&] {
+                for (int i = 0; i < 200; ++i) {
+                    auto message = task([&processed] { ++processed; });
+                    try {
+                        worker->postMessage(message);
+                    } catch (const Varkel::Zu::IllegalStateException&) {
+                        EXPECT_TRUE(stopping.load());
+                        return;
+                    }
+                    ++acceptedCount;
+                    if (!message->waitForCompletion(10000)) {
+                        ++incomplete;
+                    }
+                }
+            });
+        }
+        EXPECT_TRUE(ZuTest::eventually([&] { return acceptedCount.load() > 10 * round; }));
+        stopping = true;
+        worker->stop(true);
+        for (auto& poster : posters) {
+            poster.join();
+        }
+        EXPECT_EQ(incomplete.load(), 0);
+        EXPECT_LE(processed.load(), acceptedCount.load());
+    }
+}
