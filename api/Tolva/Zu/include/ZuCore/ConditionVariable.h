@@ -15,6 +15,8 @@ namespace Zu {
 // and with false on its deadline, on interruptAll(), or when the waiting thread is a core
 // Thread whose interrupt() was called (see ConditionVariableHelper::interruptibleWait).
 // There are no spurious true results, but callers should still test their condition.
+// Like std::condition_variable it must outlive every wait on it; an owner that goes away
+// first ends the waits with interruptAll() and waits for the waiting threads to leave.
 class ZU_EXPORT ConditionVariable : public ConditionVariableBase {
   public:
     using Clock = std::chrono::steady_clock;
