@@ -42,7 +42,8 @@ TEST(WebUtils, ProxyVariableAutoSelectsAutomaticDiscovery) {
 
 TEST(WebUtils, ProxyVariableAutoInCapitalsIsAProxyUri) {
     const ScopedEnv proxy("http_proxy", std::string("AUTO"));
-    const auto& config = createHttpClient(kUrl, nullptr)->client_config();
+    const auto client = createHttpClient(kUrl, nullptr);
+    const auto& config = client->client_config();
     EXPECT_FALSE(config.proxy().is_auto_discovery());
     EXPECT_TRUE(config.proxy().is_specified());
     EXPECT_EQ(config.proxy().address().to_string(), "AUTO");
@@ -56,7 +57,8 @@ TEST(WebUtils, ProxyVariableAutoWithTrailingBlankIsAProxyUri) {
 
 TEST(WebUtils, ProxyVariableUriIsUsedAsTheProxy) {
     const ScopedEnv proxy("http_proxy", std::string("http://127.0.0.1:3128"));
-    const auto& config = createHttpClient(kUrl, nullptr)->client_config();
+    const auto client = createHttpClient(kUrl, nullptr);
+    const auto& config = client->client_config();
     EXPECT_TRUE(config.proxy().is_specified());
     EXPECT_EQ(config.proxy().address().host(), "127.0.0.1");
     EXPECT_EQ(config.proxy().address().port(), 3128);
