@@ -1,8 +1,21 @@
 #include "FaultTable.h"
 
+// GCC's maybe-uninitialized analysis reports a false positive inside libstdc++'s <regex>
+// (in std::function members of its automaton) when building with the sanitizers.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+
+#include <regex>
 #include <stdexcept>
 
 namespace qxpemu {
+
+struct FaultTable::Entry {
+    FaultRule rule;
+    std::regex pattern;
+};
+
+FaultTable::FaultTable() = default;
+FaultTable::~FaultTable() = default;
 
 void FaultTable::add(const FaultRule& rule) {
     if (rule.times == 0 || rule.times < -1) {
@@ -14,9 +27,10 @@ void FaultTable::add(const FaultRule& rule) {
     if (rule.delayMs < 0) {
         throw std::invalid_argument("fault rule: delayMs must not be negative");
     }
-    Entry entry{rule, {}};
+    auto entry = std::make_unique<Entry>();
+    entry->rule = rule;
     try {
-        entry.pattern = std::regex(rule.pathPattern, std::regex::ECMAScript);
+        entry->pattern = std::regex(rule.pathPattern, std::regex::ECMAScript);
     } catch (const std::regex_error& error) {
         throw std::invalid_argument("fault rule: bad pathPattern: " + std::string(error.what()));
     }
@@ -32,14 +46,15 @@ void FaultTable::clear() {
 std::optional<FaultRule> FaultTable::take(const std::string& method, const std::string& path) {
     std::lock_guard<std::mutex> lock(mutex_);
     for (auto it = entries_.begin(); it != entries_.end(); ++it) {
-        if (!it->rule.method.empty() && it->rule.method != method) {
+        Entry& entry = **it;
+        if (!entry.rule.method.empty() && entry.rule.method != method) {
             continue;
         }
-        if (!std::regex_match(path, it->pattern)) {
+        if (!std::regex_match(path, entry.pattern)) {
             continue;
         }
-        FaultRule applied = it->rule;
-        if (it->rule.times > 0 && --it->rule.times == 0) {
+        FaultRule applied = entry.rule;
+        if (entry.rule.times > 0 && --entry.rule.times == 0) {
             entries_.erase(it);
         }
         return applied;
@@ -51,7 +66,7 @@ std::vector<FaultRule> FaultTable::rules() const {
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<FaultRule> out;
     for (const auto& entry : entries_) {
-        out.push_back(entry.rule);
+        out.push_back(entry->rule);
     }
     return out;
 }

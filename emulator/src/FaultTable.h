@@ -4,7 +4,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -14,6 +13,11 @@ namespace qxpemu {
 
 class FaultTable {
   public:
+    FaultTable();
+    ~FaultTable();
+    FaultTable(const FaultTable&) = delete;
+    FaultTable& operator=(const FaultTable&) = delete;
+
     // Throws std::invalid_argument for a bad pattern or use count.
     void add(const FaultRule& rule);
     void clear();
@@ -23,12 +27,9 @@ class FaultTable {
     std::vector<FaultRule> rules() const;
 
   private:
-    struct Entry {
-        FaultRule rule;
-        std::regex pattern;
-    };
+    struct Entry;  // the rule with its compiled pattern; <regex> stays in the source file
     mutable std::mutex mutex_;
-    std::vector<Entry> entries_;
+    std::vector<std::unique_ptr<Entry>> entries_;
 };
 
 }  // namespace qxpemu
