@@ -129,6 +129,7 @@ CTolvaPlatform::~CTolvaPlatform() {
     if (m_pTolvaPlatform == this) {
         m_pTolvaPlatform = nullptr;
     }
+    // Released in the facade's usual order; a client a copy still holds lives on with it.
     m_prevPlatformClient.reset();
     m_prevDirectClient.reset();
     m_platformClient.reset();
