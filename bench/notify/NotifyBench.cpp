@@ -1,0 +1,250 @@
+// Latency and throughput of QxPlatformApi::postNotification from 1, 4 and 16 threads, next to
+// a plain libcurl client that sends the same request (same headers, same body shape) over a
+// kept-alive connection per thread, and the emulator's own ceiling for the endpoint (libcurl
+// from many connections at once). Everything runs in this process against the in-process
+// emulator on loopback.
+//
+//   notify_bench [--requests N] [--emulator-threads T]
+//
+// Prints a Markdown table. Requests per configuration are split evenly over the threads.
+#include <TolvaCore/QxPlatformApi.h>
+
+#include <ZuCore/MakeShared.h>
+#include <ZuCore/StringConversion.h>
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/uuid_io.hpp>
+
+#include <qxpemu/Emulator.h>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Varkel::Tolva::Rest::QxPlatformApi;
+
+struct Result {
+    std::string client;
+    unsigned threads = 0;
+    std::size_t requests = 0;
+    double medianUs = 0;
+    double p99Us = 0;
+    double perSecond = 0;
+};
+
+// Runs `requests` calls of `send` spread over `threads` threads (each with its own sender made
+// by `makeSender`) and measures every call.
+Result measure(const std::string& client, unsigned threads, std::size_t requests,
+               const std::function<std::function<void()>()>& makeSender) {
+    std::vector<std::vector<double>> latencies(threads);
+    std::vector<std::function<void()>> senders;
+    for (unsigned i = 0; i < threads; ++i) {
+        senders.push_back(makeSender());
+        // Warm-up: connection set-up and first-use costs stay out of the figures.
+        for (int w = 0; w < 20; ++w) {
+            senders.back()();
+        }
+    }
+    const std::size_t perThread = requests / threads;
+    std::atomic<unsigned> ready{0};
+    std::atomic<bool> go{false};
+    std::vector<std::thread> workers;
+    for (unsigned i = 0; i < threads; ++i) {
+        workers.emplace_back([&, i] {
+            auto& mine = latencies[i];
+            mine.reserve(perThread);
+            ++ready;
+            while (!go) {
+                std::this_thread::yield();
+            }
+            for (std::size_t n = 0; n < perThread; ++n) {
+                const auto start = Clock::now();
+                senders[i]();
+                mine.push_back(
+                    std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+            }
+        });
+    }
+    while (ready < threads) {
+        std::this_thread::yield();
+    }
+    const auto start = Clock::now();
+    go = true;
+    for (auto& worker : workers) {
+        worker.join();
+    }
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+
+    std::vector<double> all;
+    for (const auto& mine : latencies) {
+        all.insert(all.end(), mine.begin(), mine.end());
+    }
+    std::sort(all.begin(), all.end());
+    Result result;
+    result.client = client;
+    result.threads = threads;
+    result.requests = all.size();
+    result.medianUs = all[all.size() / 2];
+    result.p99Us = all[std::min(all.size() - 1, all.size() * 99 / 100)];
+    result.perSecond = static_cast<double>(all.size()) / seconds;
+    return result;
+}
+
+std::string isoNow() {
+    const std::time_t now = std::time(nullptr);
+    std::tm utc{};
+    gmtime_r(&now, &utc);
+    char text[32];
+    std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &utc);
+    return text;
+}
+
+size_t discard(char*, size_t size, size_t count, void*) {
+    return size * count;
+}
+
+// One libcurl easy handle per sender: the connection stays open between requests.
+class CurlSender {
+  public:
+    CurlSender(const std::string& url, const std::string& token) : curl_(curl_easy_init()) {
+        if (!curl_) {
+            throw std::runtime_error("curl_easy_init failed");
+        }
+        headers_ = curl_slist_append(headers_, "Accept: application/json");
+        headers_ = curl_slist_append(headers_, "Content-Type: application/json");
+        headers_ = curl_slist_append(headers_, "User-Agent: Tolva");
+        headers_ = curl_slist_append(headers_, ("Authorization: Bearer " + token).c_str());
+        // No "Expect: 100-continue" round trip: the library does not send one either.
+        headers_ = curl_slist_append(headers_, "Expect:");
+        curl_easy_setopt(curl_, CURLOPT_URL, (url + "/notifications/api/v1/notifications").c_str());
+        curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, headers_);
+        curl_easy_setopt(curl_, CURLOPT_WRITEFUNCTION, discard);
+        curl_easy_setopt(curl_, CURLOPT_NOSIGNAL, 1L);
+        curl_easy_setopt(curl_, CURLOPT_TCP_NODELAY, 1L);
+    }
+    ~CurlSender() {
+        curl_slist_free_all(headers_);
+        curl_easy_cleanup(curl_);
+    }
+    CurlSender(const CurlSender&) = delete;
+    CurlSender& operator=(const CurlSender&) = delete;
+
+    void send() {
+        body_ = "{\"content\":\"benchmark content\",\"id\":\"" +
+                boost::uuids::to_string(generator_()) + "\",\"source\":\"Tolva\",\"time\":\"" +
+                isoNow() + "\",\"topic\":\"bench/notify\"}";
+        curl_easy_setopt(curl_, CURLOPT_POSTFIELDS, body_.c_str());
+        curl_easy_setopt(curl_, CURLOPT_POSTFIELDSIZE, static_cast<long>(body_.size()));
+        const CURLcode code = curl_easy_perform(curl_);
+        long status = 0;
+        curl_easy_getinfo(curl_, CURLINFO_RESPONSE_CODE, &status);
+        if (code != CURLE_OK || status != 204) {
+            throw std::runtime_error("curl post failed: " + std::to_string(code) + " status " +
+                                     std::to_string(status));
+        }
+    }
+
+  private:
+    CURL* curl_;
+    curl_slist* headers_ = nullptr;
+    std::string body_;
+    boost::uuids::random_generator generator_;
+};
+
+void print(const Result& r) {
+    std::printf("| %-28s | %7u | %8zu | %10.1f | %10.1f | %12.0f |\n", r.client.c_str(), r.threads,
+                r.requests, r.medianUs, r.p99Us, r.perSecond);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::size_t requests = 4000;
+    unsigned emulatorThreads = 2;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        const std::string option = argv[i];
+        if (option == "--requests") {
+            requests = std::stoul(argv[i + 1]);
+        } else if (option == "--emulator-threads") {
+            emulatorThreads = static_cast<unsigned>(std::stoul(argv[i + 1]));
+        }
+    }
+
+    // The library writes one debug-log line per post; give it its folder, as on a real host,
+    // in a scratch directory.
+    const auto scratch = std::filesystem::temp_directory_path() / "tolva-notify-bench";
+    std::filesystem::create_directories(scratch / "C:" / "logs");
+    std::filesystem::current_path(scratch);
+    ::unsetenv("http_proxy");
+
+    qxpemu::EmulatorOptions options;
+    options.threads = emulatorThreads;
+    options.maxRecordedRequests = 1000;
+    options.clients.push_back({"bench-client", "bench-secret-0123456789", "acc-bench"});
+    qxpemu::Emulator emulator(options);
+    emulator.start();
+
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    const auto api = Varkel::Zu::MakeShared::create<QxPlatformApi>(
+        Varkel::Zu::widen(emulator.baseUrl()), Varkel::Zu::widen(emulator.apiKey()));
+    const std::string token = Varkel::Zu::narrow(api->getCurrentToken().accessToken);
+    if (token.empty()) {
+        std::cerr << "no token from the emulator\n";
+        return 1;
+    }
+
+    std::vector<Result> results;
+    for (const unsigned threads : {1u, 4u, 16u}) {
+        results.push_back(measure("QxPlatformApi", threads, requests, [&] {
+            return std::function<void()>(
+                [&] { api->postNotification(L"Bench/Notify", L"benchmark content", 0); });
+        }));
+        std::vector<std::shared_ptr<CurlSender>> keep;
+        results.push_back(measure("libcurl (keep-alive)", threads, requests, [&] {
+            auto sender = std::make_shared<CurlSender>(emulator.baseUrl(), token);
+            keep.push_back(sender);
+            return std::function<void()>([sender] { sender->send(); });
+        }));
+    }
+    // The emulator's ceiling for the endpoint: as many concurrent kept-alive libcurl
+    // connections as it takes to saturate it.
+    {
+        std::vector<std::shared_ptr<CurlSender>> keep;
+        results.push_back(measure("emulator ceiling (libcurl)", 32, requests * 2, [&] {
+            auto sender = std::make_shared<CurlSender>(emulator.baseUrl(), token);
+            keep.push_back(sender);
+            return std::function<void()>([sender] { sender->send(); });
+        }));
+    }
+
+    std::printf("| %-28s | %7s | %8s | %10s | %10s | %12s |\n", "client", "threads", "requests",
+                "median us", "p99 us", "requests/s");
+    std::printf("|%s|%s|%s|%s|%s|%s|\n", std::string(30, '-').c_str(), std::string(9, '-').c_str(),
+                std::string(10, '-').c_str(), std::string(12, '-').c_str(),
+                std::string(12, '-').c_str(), std::string(14, '-').c_str());
+    for (const auto& result : results) {
+        print(result);
+    }
+    for (std::size_t i = 0; i + 1 < 6; i += 2) {
+        std::printf("median ratio library/libcurl at %u threads: %.2f\n", results[i].threads,
+                    results[i].medianUs / results[i + 1].medianUs);
+    }
+    curl_global_cleanup();
+    return 0;
+}
