@@ -74,8 +74,9 @@ class Emulator {
     // Forgets every recorded request.
     void clearRequests();
 
-    // Appends a fault rule. Throws std::invalid_argument when pathPattern is not a valid
-    // ECMAScript regex or times is 0 or below -1.
+    // Appends a fault rule (see FaultRule for how rules apply). Throws
+    // std::invalid_argument when pathPattern is not a valid ECMAScript regex, times is 0 or
+    // below -1, status is neither 0 nor 200..999, or delayMs is negative.
     void addFault(const FaultRule& rule);
 
     // Removes every fault rule.

@@ -19,8 +19,8 @@ struct EmulatorOptions {
     int tokenLifetimeSeconds = 3600;
     // Longest long-poll wait; a poll asking "?timeout=N" waits min(N, maxPollSeconds).
     int maxPollSeconds = 30;
-    // Threads running the I/O loop. Connections are served asynchronously; this is not a
-    // thread per connection.
+    // Threads running the I/O loop (0 is taken as 1). Connections are served
+    // asynchronously; this is not a thread per connection.
     unsigned threads = 1;
     // Known clients; empty -> one default client whose API key is longer than 100
     // characters (the facade's rule).

@@ -14,7 +14,7 @@ namespace qxpemu {
 struct FaultRule {
     std::string method;       // "" matches any method; otherwise compared exactly ("POST")
     std::string pathPattern;  // ECMAScript regex that must match the whole path (no query)
-    int status = 0;           // 0: no canned answer
+    int status = 0;           // 0: no canned answer; else 200..999
     std::string reason;       // reason phrase; "" = the standard phrase of `status`
     std::string body;
     std::string contentType = "text/plain";
