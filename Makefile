@@ -42,6 +42,9 @@ build: deps
 	$(call configure,build,-DCMAKE_BUILD_TYPE=RelWithDebInfo)
 	cmake --build build -j $(JOBS)
 
+run: build
+	scripts/run-demo.sh build
+
 test: build
 	cd build && ctest $(CTEST_ARGS)
 
