@@ -214,7 +214,8 @@ std::wstring CTolvaPlatform::getCurrentToken() {
     if (!m_api) {
         return std::wstring();
     }
-    return L"Bearer " + m_api->getCurrentToken().accessToken;
+    // The heartbeat task may renew the token at any moment: read a locked copy of its text.
+    return L"Bearer " + m_api->getCurrentAccessToken();
 }
 
 std::string CTolvaPlatform::getSharedDirectory() {

@@ -417,6 +417,10 @@ std::shared_ptr<web::http::client::http_client> QxPlatformApi::currentClient() c
     return httpClient_;
 }
 
+std::wstring QxPlatformApi::getCurrentAccessToken() const {
+    return currentAccessToken();
+}
+
 std::wstring QxPlatformApi::currentAccessToken() const {
     std::lock_guard<std::mutex> lock(stateMutex_);
     return currentToken_.accessToken;

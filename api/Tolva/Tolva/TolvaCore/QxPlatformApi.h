@@ -98,6 +98,11 @@ class TOLVA_EXPORT QxPlatformApi {
     // only while no other thread can renew it. Never throws.
     const Token& getCurrentToken();
 
+    // A copy of the current token's access token text, taken under the object's state lock,
+    // so it is safe while another thread renews the token. No renewal. Never throws.
+    // Any thread.
+    std::wstring getCurrentAccessToken() const;
+
     // Publishes one notification: renews the token when due, then POSTs
     // {"id", "time", "topic" (lower-cased), "content", "ttl" (only when ttl is not 0),
     // "source": "Tolva"} to "/notifications/api/v1/notifications" and waits for the answer.
