@@ -4,6 +4,8 @@
 
 #include <TestSupport.h>
 
+#include "ZuTestSupport.h"
+
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -16,22 +18,8 @@ using Varkel::Zu::DebugLog;
 
 namespace {
 
-std::string readFile(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> result;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line)) {
-        result.push_back(line);
-    }
-    return result;
-}
+using ZuTest::lines;
+using ZuTest::readFile;
 
 // A folder of its own for each call, also when a test is repeated in one process.
 std::filesystem::path uniquePath(const std::string& name) {

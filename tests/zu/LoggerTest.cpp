@@ -24,22 +24,8 @@ using Varkel::Zu::LoggerLocationInfo;
 
 namespace {
 
-std::string readFile(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> result;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line)) {
-        result.push_back(line);
-    }
-    return result;
-}
+using ZuTest::lines;
+using ZuTest::readFile;
 
 class LoggerTest : public ::testing::Test {
   protected:
