@@ -5,6 +5,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -63,6 +64,29 @@ TEST(ConditionVariableTest, PastDeadlineReturnsFalseAndLeavesNoTokenForLaterWait
     EXPECT_FALSE(condition.waitUntil(lock, Clock::now() + std::chrono::milliseconds(50)));
 }
 
+TEST(ConditionVariableTest, ExpiredWaiterSharingAGenerationLeavesNothingForTheNextOne) {
+    ConditionVariable condition;
+    std::mutex mutex;
+    Waiter live;
+    live.start(condition, mutex, kLongWait);
+    ASSERT_TRUE(ZuTest::eventually([&] { return condition.getWaiterCount() == 1; }));
+    {
+        // Joins the live waiter's generation and gives up at once.
+        std::unique_lock<std::mutex> lock(mutex);
+        EXPECT_FALSE(condition.waitUntil(lock, Clock::now() - std::chrono::seconds(1)));
+        EXPECT_EQ(condition.getWaiterCount(), 2u);
+        condition.notifyAll();
+    }
+    live.thread.join();
+    EXPECT_EQ(live.result.load(), 1);
+    // The notify counted the expired waiter too; its unused tokens must not wake anyone of a
+    // later generation.
+    Waiter later;
+    later.start(condition, mutex, std::chrono::milliseconds(200));
+    later.thread.join();
+    EXPECT_EQ(later.result.load(), 0);
+}
+
 TEST(ConditionVariableTest, NotifyWakesTheWaitersRegisteredBeforeItOnly) {
     ConditionVariable condition;
     std::mutex mutex;
@@ -85,6 +109,51 @@ TEST(ConditionVariableTest, NotifyWakesTheWaitersRegisteredBeforeItOnly) {
     EXPECT_EQ(first.result.load(), 1);
     EXPECT_EQ(second.result.load(), 1);
     EXPECT_EQ(third.result.load(), 0);  // it kept waiting until its deadline
+}
+
+TEST(ConditionVariableTest, WaitersOfOneGenerationShareAnEntryAndNotifyReleasesTheirTokens) {
+    using Varkel::Zu::ConditionVariableHelper;
+    ConditionVariable condition;
+    const auto first = condition.getWaitEntry();
+    const auto second = condition.getWaitEntry();
+    EXPECT_EQ(first, second);
+    EXPECT_EQ(first->count.load(), 2u);
+    EXPECT_FALSE(first->signalled);
+    EXPECT_TRUE(condition.hasWakeSemaphore());
+    EXPECT_EQ(condition.getWaiterCount(), 2u);
+    const auto wake = first->wakeSemaphore;
+    ASSERT_TRUE(wake && *wake);
+
+    condition.notifyAll();
+    EXPECT_TRUE(first->signalled);
+    EXPECT_FALSE(condition.hasWakeSemaphore());
+    EXPECT_EQ(condition.getWaiterCount(), 0u);
+    // One token per registered waiter on the generation's semaphore and on the wake one.
+    for (auto handle : {first->semaphore.get(), wake->get()}) {
+        EXPECT_EQ(ConditionVariableHelper::waitForSingleObject(handle, 0),
+                  ConditionVariableHelper::WaitObject0);
+        EXPECT_EQ(ConditionVariableHelper::waitForSingleObject(handle, 0),
+                  ConditionVariableHelper::WaitObject0);
+        EXPECT_EQ(ConditionVariableHelper::waitForSingleObject(handle, 0),
+                  ConditionVariableHelper::WaitTimeout);
+    }
+
+    // The next registration starts a new generation with a fresh wake semaphore.
+    const auto third = condition.getWaitEntry();
+    EXPECT_NE(third, first);
+    EXPECT_EQ(third->count.load(), 1u);
+    EXPECT_NE(third->wakeSemaphore, wake);
+    condition.notifyAll();
+}
+
+TEST(ConditionVariableTest, SemaphoresStartEmptyWithTheLargestMaximum) {
+    using Varkel::Zu::ConditionVariableHelper;
+    ConditionVariable::HandleManager semaphore;
+    ASSERT_TRUE(semaphore);
+    EXPECT_EQ(ConditionVariableHelper::waitForSingleObject(semaphore.get(), 0),
+              ConditionVariableHelper::WaitTimeout);
+    EXPECT_TRUE(ConditionVariableHelper::releaseSemaphore(semaphore.get(), 0x7fffffffu));
+    EXPECT_FALSE(ConditionVariableHelper::releaseSemaphore(semaphore.get(), 1));
 }
 
 TEST(ConditionVariableTest, InterruptedCoreThreadReturnsFalse) {
@@ -139,11 +208,21 @@ TEST(ConditionVariableTest, WaitWithoutOwningTheLockThrowsSystemError) {
     ConditionVariable condition;
     std::mutex mutex;
     std::unique_lock<std::mutex> lock(mutex, std::defer_lock);
+    // The same error as std::unique_lock raises for it.
+    std::string standardText;
+    try {
+        std::unique_lock<std::mutex> unowned(mutex, std::defer_lock);
+        unowned.unlock();
+    } catch (const std::system_error& error) {
+        standardText = error.what();
+    }
+    ASSERT_FALSE(standardText.empty());
     try {
         condition.waitUntil(lock, Clock::now() + std::chrono::seconds(1));
         ADD_FAILURE() << "no exception";
     } catch (const std::system_error& error) {
         EXPECT_EQ(error.code(), std::make_error_code(std::errc::operation_not_permitted));
+        EXPECT_EQ(std::string(error.what()), standardText);
     }
     EXPECT_FALSE(lock.owns_lock());
 }

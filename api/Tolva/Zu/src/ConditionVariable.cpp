@@ -1,7 +1,5 @@
 #include <ZuCore/ConditionVariable.h>
 
-#include <system_error>
-
 namespace Varkel {
 namespace Zu {
 
@@ -10,10 +8,7 @@ bool ConditionVariable::waitUntil(std::unique_lock<std::mutex>& lock,
     bool notified = false;
     {
         EntryManager registration(*this, getWaitEntry());
-        if (!lock.owns_lock()) {
-            throw std::system_error(std::make_error_code(std::errc::operation_not_permitted),
-                                    "ConditionVariable::waitUntil: lock not owned");
-        }
+        // Throws std::unique_lock's own std::system_error when the lock is not owned.
         lock.unlock();
         try {
             notified = waitOnEntry(registration.entry(), deadline);
