@@ -364,6 +364,49 @@ TEST(BlockingQueueTest, BlockedPutterWakesWhenAConsumerMakesRoom) {
     EXPECT_EQ(contents(queue), (std::vector<int>{2}));
 }
 
+TEST(BlockingQueueTest, WaitingGetFromAFullQueueWakesABlockedPutter) {
+    Queue queue(2);
+    queue.putObject(1, 0);
+    queue.putObject(2, 0);
+    Async putter([&] { return static_cast<int>(queue.putObject(3, 30000)); });
+    ASSERT_TRUE(ZuTest::eventually([&] { return queue.getWaiterCount() == 1; }));
+    int out = 0;
+    EXPECT_EQ(queue.getObject(out, 0), BlockingQueueBase::GetDelivered);
+    EXPECT_EQ(out, 1);
+    EXPECT_EQ(putter.get(), BlockingQueueBase::PutStored);
+    EXPECT_EQ(contents(queue), (std::vector<int>{2, 3}));
+}
+
+TEST(BlockingQueueTest, KeepNewestOnAFullQueueWakesABlockedPutter) {
+    Queue queue(2);
+    queue.putObject(1, 0);
+    queue.putObject(2, 0);
+    Async putter([&] { return static_cast<int>(queue.putObject(3, 30000)); });
+    ASSERT_TRUE(ZuTest::eventually([&] { return queue.getWaiterCount() == 1; }));
+    {
+        Lock lock(queue.getMutex());
+        int out = 0;
+        // Without reput nothing is appended, so only the had-been-full notify can wake it.
+        EXPECT_TRUE(queue.keepNewestNoLock(lock, out, false));
+        EXPECT_EQ(out, 2);
+    }
+    EXPECT_EQ(putter.get(), BlockingQueueBase::PutStored);
+    EXPECT_EQ(contents(queue), (std::vector<int>{3}));
+}
+
+TEST(BlockingQueueTest, KeepNewestOnADisabledQueueKeepsEverything) {
+    Queue queue(4);
+    queue.putObject(1, 0);
+    queue.putObject(2, 0);
+    Lock lock(queue.getMutex());
+    queue.setEnabled(false);
+    int out = 0;
+    EXPECT_FALSE(queue.keepNewestNoLock(lock, out, false));
+    EXPECT_EQ(out, 0);
+    EXPECT_EQ(queue.size(), 2u);
+    queue.setEnabled(true);
+}
+
 TEST(BlockingQueueTest, UnpausingWakesABlockedGetter) {
     Queue queue(4);
     queue.putObject(5, 0);
