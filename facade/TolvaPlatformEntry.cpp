@@ -18,7 +18,10 @@ CTolvaPlatformIF* InitializeQXPlatform(std::string platformUrl, std::string dire
 }
 
 void GetQXInstance() {
-    if (Varkel::Tolva::Rest::QxPlatformApi::createFromEnvVar()) {
+    // Held until the end of the function so that the message is printed before the API
+    // object is torn down again (a temporary in the condition would be released first).
+    const auto api = Varkel::Tolva::Rest::QxPlatformApi::createFromEnvVar();
+    if (api) {
         std::printf("Api gotten!");
     }
 }
