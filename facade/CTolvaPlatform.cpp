@@ -277,16 +277,16 @@ void CTolvaPlatform::InitQXPlatform() {
     // task, and the HTTP library's task pool waits for its tasks when the process exits:
     // without this the process would never end. Registered after the API object (and with
     // it the task pool and the loggers) exists, so it runs before their teardown.
-    static const bool releaseAtExitRegistered = std::atexit(&CTolvaPlatform::releaseApiAtExit) == 0;
+    // A lambda rather than a member function, so that the exported class gains no symbol.
+    void (*const releaseApiAtExit)() = [] {
+        if (m_pTolvaPlatform != nullptr) {
+            m_pTolvaPlatform->m_api.reset();
+        }
+    };
+    static const bool releaseAtExitRegistered = std::atexit(releaseApiAtExit) == 0;
     static_cast<void>(releaseAtExitRegistered);
 
     std::this_thread::sleep_for(kApiStartPause);
-}
-
-void CTolvaPlatform::releaseApiAtExit() {
-    if (m_pTolvaPlatform != nullptr) {
-        m_pTolvaPlatform->m_api.reset();
-    }
 }
 
 void CTolvaPlatform::createNewPlatformClient() {

@@ -78,6 +78,11 @@ class TOLVA_EXPORT CTolvaPlatform : public CTolvaPlatformIF {
     // token). Never makes the API object: call setPlatformUrl afterwards for that.
     void setTolvaApiKey(std::string key) override;
 
+    // The remaining overrides behave as documented on CTolvaPlatformIF; none of them throws
+    // except postNotification (what the API object's postNotification throws). The getters
+    // of the platform URL and the API key read the API object, not the values stored here,
+    // so they stay empty until setPlatformUrl has made it; the narrow getters keep the low
+    // 8 bits of each character.
     void setTolvaFabricId(std::string id) override;
     void setSharedDirectory(std::string dir) override;
     std::wstring getPlatformUrl() override;
@@ -138,6 +143,4 @@ class TOLVA_EXPORT CTolvaPlatform : public CTolvaPlatformIF {
     void InitQXPlatform();
     void createNewPlatformClient();
     void createNewDirectClient();
-
-    static void releaseApiAtExit();
 };
