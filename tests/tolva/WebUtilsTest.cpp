@@ -3,6 +3,8 @@
 
 #include <TolvaCore/WebUtils.h>
 
+#include <ZuCore/InvalidArgumentException.h>
+
 #include <chrono>
 
 #include <cpprest/base_uri.h>
@@ -73,6 +75,28 @@ TEST(WebUtils, MalformedProxyVariableThrowsOutOfTheConstructor) {
     const ScopedEnv proxy("http_proxy", std::string("http://proxy host:3128"));
     EXPECT_THROW(Varkel::Zu::MakeShared::create<TestApi>(unreachableUrl(), L"k"),
                  web::uri_exception);
+}
+
+TEST(WebUtils, MalformedProxyVariableKeepsItsCredentialsOutOfTextsAndLogs) {
+    const std::string password = "pr0xy-s3cret";
+    const ScopedEnv proxy("http_proxy", "http://user:" + password + "@proxy host:3128");
+    try {
+        createHttpClient(kUrl, nullptr);
+        ADD_FAILURE() << "a malformed proxy value was accepted";
+    } catch (const web::uri_exception& e) {
+        EXPECT_EQ(std::string(e.what()).find(password), std::string::npos) << e.what();
+    }
+
+    // The configuration factory logs the text of what it rejects.
+    const LogRecords records;
+    EXPECT_THROW(QxPlatformApi::createFromQXPlatformConfig(
+                     L"{\"url\":\"http://127.0.0.1:9\",\"logging\":{\"credentials\":\"k\"}}"),
+                 Varkel::Zu::InvalidArgumentException);
+    ASSERT_FALSE(records.records().empty());
+    for (const auto& record : records.records()) {
+        EXPECT_EQ(narrow(record.message).find(password), std::string::npos)
+            << narrow(record.message);
+    }
 }
 
 using WebUtilsClientTest = RestTest;

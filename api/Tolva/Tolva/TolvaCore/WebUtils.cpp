@@ -31,8 +31,16 @@ std::shared_ptr<web::http::client::http_client> createHttpClient(
         config.set_proxy(web::web_proxy(web::web_proxy::use_auto_discovery));
         ZU_LOG_DEBUG(webUtilLogger(), L"HTTP client uses automatic proxy discovery.");
     } else if (!proxy.empty()) {
-        // The proxy URI may carry credentials, so it is not logged.
-        config.set_proxy(web::web_proxy(web::uri(narrow(proxy))));
+        // The proxy URI may carry credentials, so it is not logged, and a malformed one is
+        // reported without its text: the HTTP library's own message quotes the whole value,
+        // and callers log exception texts.
+        web::uri proxyUri;
+        try {
+            proxyUri = web::uri(narrow(proxy));
+        } catch (const web::uri_exception&) {
+            throw web::uri_exception("The http_proxy value is not a valid URI.");
+        }
+        config.set_proxy(web::web_proxy(proxyUri));
         ZU_LOG_DEBUG(webUtilLogger(), L"HTTP client uses the proxy given by http_proxy.");
     }
 
