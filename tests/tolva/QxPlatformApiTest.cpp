@@ -188,6 +188,20 @@ TEST_F(QxPlatformApiTest, DestroyingARunningObjectSendsNothing) {
     EXPECT_EQ(log.countLinesStartingWith("TRACE: It took "), 1u) << log.text();
 }
 
+TEST_F(QxPlatformApiTest, DestroyingEndsTheHeartbeatWithoutAFurtherPass) {
+    // Tokens issued already expired make every heartbeat pass send a token request.
+    emulator_.setTokenLifetime(0);
+    auto api = makeApi();
+    const std::size_t afterConstruction = emulator_.requests().size();
+    // The first pass (token and key set), then the object goes during the next wait.
+    ASSERT_GE(
+        emulator_.waitForRequests(afterConstruction + 2, std::chrono::milliseconds(15000)).size(),
+        afterConstruction + 2);
+    api.reset();
+    const std::size_t afterDestruction = emulator_.requests().size();
+    EXPECT_EQ(afterDestruction, afterConstruction + 2);
+}
+
 TEST_F(QxPlatformApiTest, SecretsNeverReachLogRecordsOrStdout) {
     // Every library logger on, so that debug records are built too.
     Varkel::Zu::Logger::configureLevels("TolvaCore=trace,root=trace");

@@ -25,6 +25,17 @@ std::string tokenWithPayload(const std::string& payloadJson) {
     return "eyJhbGciOiJSUzI1NiJ9." + Varkel::Zu::Base64::encode_url(payloadJson) + ".c2lnbmF0dXJl";
 }
 
+// Whether the API logger wrote exactly this message at this level.
+bool hasRecord(const LogRecords& records, const std::string& level, const std::wstring& message) {
+    for (const auto& record : records.records()) {
+        if (record.logger == "TolvaCore.QxPlatformApi" && record.level == level &&
+            record.message == message) {
+            return true;
+        }
+    }
+    return false;
+}
+
 Token tokenExpiringAt(Token::TimePoint expiry, std::wstring text = L"a.b.c") {
     Token token;
     token.accessToken = std::move(text);
@@ -233,9 +244,15 @@ TEST_F(TokenTest, TokenFailureIsLoggedOnTheApiLoggerAtErrorLevel) {
     emulator_.addFault(statusRule("POST", kTokenPath, 500, "identity down"));
     const LogRecords records;
     EXPECT_THROW(api->getToken(), std::exception);
-    const auto messages = records.messages("TolvaCore.QxPlatformApi");
-    EXPECT_NE(std::find(messages.begin(), messages.end(), L"Get token failed identity down"),
-              messages.end());
+    EXPECT_TRUE(hasRecord(records, "error", L"Get token failed identity down"));
+}
+
+TEST_F(TokenTest, AccountIsLoggedAtDebugLevel) {
+    Varkel::Zu::Logger::configureLevels("TolvaCore.QxPlatformApi=debug");
+    const LogRecords records;
+    const auto api = makeApi();
+    Varkel::Zu::Logger::reloadConfiguration();
+    EXPECT_TRUE(hasRecord(records, "debug", L"QX Platform account : " + widen(testAccount())));
 }
 
 TEST_F(TokenTest, DroppedTokenConnectionFailsAndClearsTheToken) {
@@ -399,9 +416,7 @@ TEST_F(TokenTest, FailedRenewalIsLoggedNotThrownAndLeavesTheTokenCleared) {
     EXPECT_TRUE(log.hasLine("TRACE: Obtaining a new access token")) << log.text();
     EXPECT_TRUE(log.hasLine("ERROR: Get token failed 503 Service Unavailable")) << log.text();
     EXPECT_TRUE(log.hasLine("ERROR: Token validation failed. try later")) << log.text();
-    const auto messages = records.messages("TolvaCore.QxPlatformApi");
-    EXPECT_NE(std::find(messages.begin(), messages.end(), L"Token validation failed. try later"),
-              messages.end());
+    EXPECT_TRUE(hasRecord(records, "error", L"Token validation failed. try later"));
     EXPECT_TRUE(api->getCurrentToken().accessToken.empty());
     EXPECT_EQ(api->getCurrentToken().expiresAt.time_since_epoch().count(), 0);
 
