@@ -226,6 +226,25 @@ TEST_F(CTolvaPlatformTest, PlatformClientsLiveOneGenerationAfterBeingReplaced) {
     EXPECT_EQ(baseUriOf(facade->getPlatformClient(true)), "http://127.0.0.1:1003/");
 }
 
+// Unlike the direct URL, the platform URL is taken again even when it is unchanged, and
+// each call makes a new pair.
+TEST_F(CTolvaPlatformTest, SamePlatformUrlAgainStillMakesNewClientPair) {
+    CTolvaPlatformIF* facade = initialize("");
+    facade->setPlatformUrl("http://127.0.0.1:6001");
+    http_client* firstShort = facade->getPlatformClient(false);
+    http_client* firstLong = facade->getPlatformClient(true);
+    ASSERT_NE(firstShort, nullptr);
+    ASSERT_NE(firstLong, nullptr);
+
+    facade->setPlatformUrl("http://127.0.0.1:6001");
+    EXPECT_NE(facade->getPlatformClient(false), firstShort);
+    EXPECT_NE(facade->getPlatformClient(true), firstLong);
+    EXPECT_EQ(baseUriOf(facade->getPlatformClient(false)), "http://127.0.0.1:6001/");
+    FacadeProbe probe(*CTolvaPlatform::getInstance());
+    EXPECT_EQ(probe.m_prevPlatformClient.get(), firstShort);
+    EXPECT_EQ(probe.m_prevPlatformClientLong.get(), firstLong);
+}
+
 // When a new pair cannot be made, the last working pair stays current (and is also the
 // previous generation); it must survive exactly as long as either slot holds it.
 TEST_F(CTolvaPlatformTest, FailedClientCreationKeepsLastWorkingPairCurrent) {
@@ -430,6 +449,23 @@ TEST_F(CTolvaPlatformTest, PlatformUrlWithLongEnoughKeyMakesApiObjectAfterPause)
     facade->setTolvaApiKey("replacement-key");
     EXPECT_EQ(api->getPlatformApiKey(), L"replacement-key");
     EXPECT_EQ(facade->getStringTolvaApiKey(), "replacement-key");
+}
+
+// A key set after the URL is only taken up by the next setPlatformUrl.
+TEST_F(CTolvaPlatformTest, KeySetAfterUrlTakesEffectWithNextPlatformUrl) {
+    qxpemu::Emulator emulator;
+    emulator.start();
+    CTolvaPlatformIF* facade = initialize("");
+    facade->setPlatformUrl(emulator.baseUrl());
+    facade->setTolvaApiKey(emulator.apiKey());
+    ASSERT_EQ(CTolvaPlatform::getInstance()->getQxAPI(), nullptr);
+    EXPECT_TRUE(emulator.requests().empty());
+
+    facade->setPlatformUrl(emulator.baseUrl());
+    ASSERT_NE(CTolvaPlatform::getInstance()->getQxAPI(), nullptr);
+    EXPECT_EQ(facade->getStringTolvaApiKey(), emulator.apiKey());
+    EXPECT_EQ(facade->getStringPlatformUrl(), emulator.baseUrl());
+    EXPECT_FALSE(emulator.requests().empty());  // it asked for its token
 }
 
 }  // namespace
