@@ -68,9 +68,9 @@ std::string DiscoveryRegistry::add(const nlohmann::json& record) {
     return service.secret;
 }
 
-DiscoveryRegistry::Outcome DiscoveryRegistry::heartbeat(const std::string& id,
-                                                        const std::string& secret) {
-    std::lock_guard<std::mutex> lock(mutex_);
+DiscoveryRegistry::Outcome DiscoveryRegistry::findAuthorised(const std::string& id,
+                                                             const std::string& secret,
+                                                             Services::iterator& found) {
     auto it = services_.find(id);
     if (it == services_.end()) {
         return Outcome::UnknownService;
@@ -78,23 +78,31 @@ DiscoveryRegistry::Outcome DiscoveryRegistry::heartbeat(const std::string& id,
     if (it->second.secret != secret) {
         return Outcome::WrongSecret;
     }
-    it->second.lastBeat = Clock::now();
-    ++it->second.beats;
+    found = it;
     return Outcome::Done;
+}
+
+DiscoveryRegistry::Outcome DiscoveryRegistry::heartbeat(const std::string& id,
+                                                        const std::string& secret) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    Services::iterator it;
+    const Outcome outcome = findAuthorised(id, secret, it);
+    if (outcome == Outcome::Done) {
+        it->second.lastBeat = Clock::now();
+        ++it->second.beats;
+    }
+    return outcome;
 }
 
 DiscoveryRegistry::Outcome DiscoveryRegistry::remove(const std::string& id,
                                                      const std::string& secret) {
     std::lock_guard<std::mutex> lock(mutex_);
-    auto it = services_.find(id);
-    if (it == services_.end()) {
-        return Outcome::UnknownService;
+    Services::iterator it;
+    const Outcome outcome = findAuthorised(id, secret, it);
+    if (outcome == Outcome::Done) {
+        services_.erase(it);
     }
-    if (it->second.secret != secret) {
-        return Outcome::WrongSecret;
-    }
-    services_.erase(it);
-    return Outcome::Done;
+    return outcome;
 }
 
 nlohmann::json DiscoveryRegistry::list() const {

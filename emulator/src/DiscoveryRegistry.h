@@ -39,9 +39,16 @@ class DiscoveryRegistry {
         unsigned long long beats = 0;
     };
 
+    using Services = std::map<std::string, Service>;
+
+    // With mutex_ held: finds the service `id` and checks its secret; `found` is set only
+    // when the outcome is Done.
+    Outcome findAuthorised(const std::string& id, const std::string& secret,
+                           Services::iterator& found);
+
     const Clock::duration criticalAfter_;
     mutable std::mutex mutex_;
-    std::map<std::string, Service> services_;
+    Services services_;
 };
 
 }  // namespace qxpemu

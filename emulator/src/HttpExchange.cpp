@@ -31,20 +31,22 @@ bool IncomingRequest::queryParameter(const std::string& name, std::string& value
     return false;
 }
 
-HttpReply HttpReply::json(unsigned status, std::string body) {
+namespace {
+HttpReply withBody(unsigned status, const char* contentType, std::string body) {
     HttpReply reply;
     reply.status = status;
-    reply.contentType = "application/json";
+    reply.contentType = contentType;
     reply.body = std::move(body);
     return reply;
 }
+}  // namespace
+
+HttpReply HttpReply::json(unsigned status, std::string body) {
+    return withBody(status, "application/json", std::move(body));
+}
 
 HttpReply HttpReply::text(unsigned status, std::string body) {
-    HttpReply reply;
-    reply.status = status;
-    reply.contentType = "text/plain; charset=utf-8";
-    reply.body = std::move(body);
-    return reply;
+    return withBody(status, "text/plain; charset=utf-8", std::move(body));
 }
 
 HttpReply HttpReply::empty(unsigned status) {

@@ -65,6 +65,21 @@ struct Blocker {
     }
 };
 
+// Starts the worker, lets `blocker` occupy it, and queues `count` counting messages behind
+// it; returns the queued messages.
+std::vector<std::shared_ptr<Message>> occupyAndQueue(MessageThread& worker, Blocker& blocker,
+                                                     std::atomic<int>& ran, int count) {
+    worker.start();
+    worker.postMessage(blocker.message);
+    blocker.started.get_future().wait();
+    std::vector<std::shared_ptr<Message>> queued;
+    for (int i = 0; i < count; ++i) {
+        queued.push_back(task([&ran] { ++ran; }));
+        worker.postMessage(queued.back());
+    }
+    return queued;
+}
+
 // Posts counting messages until the worker refuses them, which shows that stop() has
 // begun; returns how many were accepted.
 int postUntilRefused(MessageThread& worker, std::atomic<int>& ran,
@@ -133,16 +148,9 @@ TEST(MessageThreadTest, WaitForCompletionTimesOutWhileTheMessageRuns) {
 
 TEST(MessageThreadTest, GracefulStopRunsEveryQueuedMessage) {
     auto worker = makeWorker();
-    worker->start();
     Blocker blocker;
-    worker->postMessage(blocker.message);
-    blocker.started.get_future().wait();
     std::atomic<int> ran{0};
-    std::vector<std::shared_ptr<Message>> accepted;
-    for (int i = 0; i < 5; ++i) {
-        accepted.push_back(task([&ran] { ++ran; }));
-        worker->postMessage(accepted.back());
-    }
+    std::vector<std::shared_ptr<Message>> accepted = occupyAndQueue(*worker, blocker, ran, 5);
     std::shared_ptr<Message> returned = std::make_shared<TaskMessage>([] {});
     std::thread stopper([&] { returned = worker->stop(false); });
     const int posted = postUntilRefused(*worker, ran, accepted);
@@ -158,16 +166,9 @@ TEST(MessageThreadTest, GracefulStopRunsEveryQueuedMessage) {
 
 TEST(MessageThreadTest, ImmediateStopDiscardsQueuedMessagesAndReturnsTheRunningOne) {
     auto worker = makeWorker();
-    worker->start();
     Blocker blocker;
-    worker->postMessage(blocker.message);
-    blocker.started.get_future().wait();
     std::atomic<int> ran{0};
-    std::vector<std::shared_ptr<Message>> accepted;
-    for (int i = 0; i < 5; ++i) {
-        accepted.push_back(task([&ran] { ++ran; }));
-        worker->postMessage(accepted.back());
-    }
+    std::vector<std::shared_ptr<Message>> accepted = occupyAndQueue(*worker, blocker, ran, 5);
     std::shared_ptr<Message> returned;
     std::thread stopper([&] { returned = worker->stop(true); });
     postUntilRefused(*worker, ran, accepted);
