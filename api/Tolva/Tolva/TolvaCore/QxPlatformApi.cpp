@@ -417,6 +417,11 @@ std::shared_ptr<web::http::client::http_client> QxPlatformApi::currentClient() c
     return httpClient_;
 }
 
+Token QxPlatformApi::getCurrentTokenCopy() const {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    return currentToken_;
+}
+
 std::wstring QxPlatformApi::getCurrentAccessToken() const {
     return currentAccessToken();
 }

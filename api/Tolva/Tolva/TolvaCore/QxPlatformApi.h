@@ -95,8 +95,15 @@ class TOLVA_EXPORT QxPlatformApi {
     // The current token itself, not a copy, and without any renewal. The reference stays
     // valid for the object's lifetime, but its fields are rewritten when the token is renewed
     // (by the heartbeat task every 5 seconds when due, or by any validating call), so read it
-    // only while no other thread can renew it. Never throws.
+    // only while no other thread can renew it; getCurrentTokenCopy is the safe way to read it
+    // while the object runs. Never throws.
     const Token& getCurrentToken();
+
+    // A consistent copy of the whole current token (text, account, key set and expiry), taken
+    // under the object's state lock, so it is safe while the heartbeat task or another caller
+    // renews the token. This is the way to read the key set for verification. No renewal.
+    // Never throws except std::bad_alloc. Any thread.
+    Token getCurrentTokenCopy() const;
 
     // A copy of the current token's access token text, taken under the object's state lock,
     // so it is safe while another thread renews the token. No renewal. Never throws.
