@@ -1,10 +1,16 @@
 // QxPlatformApi: the one object through which the library talks to the QX Platform over REST.
 // It holds the platform URL, the API key (the client credential), the current access token and
-// the HTTP client, keeps the token fresh, posts notifications and runs the periodic heartbeat
-// task. Instances are made through MakeShared (or the two configuration factories) and are
-// always owned by shared pointers.
+// the HTTP client, keeps the token fresh, posts notifications, registers services and keeps
+// them alive with a heartbeat every five seconds. Instances are made through MakeShared (or the
+// two configuration factories) and are always owned by shared pointers.
+//
+// Threads: every operation runs on the calling thread and blocks it until the platform has
+// answered. One task of the object's own, the heartbeat task, wakes every five seconds, renews
+// the token when due and sends one heartbeat per registered service, holding the object lock
+// for the whole pass; unregistration (and the mailbox calls) wait for a pass under way.
 #pragma once
 
+#include <TolvaCore/ModelServiceInfo.h>
 #include <TolvaCore/Token.h>
 #include <TolvaCore/TolvaExport.h>
 #include <TolvaCore/WebUtils.h>
@@ -20,6 +26,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include <cpprest/http_client.h>
 #include <pplx/pplxtasks.h>
@@ -119,6 +126,33 @@ class TOLVA_EXPORT QxPlatformApi {
     // retried. Blocks the calling thread; any thread except an HTTP continuation.
     void postNotification(const std::wstring& topic, const std::wstring& content, unsigned int ttl);
 
+    // Registers a service with the platform's discovery service: validates the record
+    // (IllegalStateException "Missing property ..." before anything is sent), POSTs its JSON to
+    // "/discovery/api/v1/service" with the current token as it stands (no renewal) and, on a
+    // 201 reply, fills inout_serviceInfo->serviceSecret from the reply and enters the record
+    // under the returned "serviceId" (an entry with that id is replaced). The record is
+    // shared, not copied: the heartbeat sees later changes of its health object. From the next
+    // heartbeat pass on the service is kept alive. Any other status (200 included) or a
+    // transport failure throws std::exception with the HTTP library's text (for a status
+    // failure the response body); the secret then stays empty and nothing is entered. A null
+    // pointer is reported through boost::assertion_failed ("inout_serviceInfo") and nothing
+    // is sent. Does not wait for a heartbeat pass. Blocks the calling thread; any thread
+    // except an HTTP continuation.
+    void registerService(const std::shared_ptr<Model::ModelServiceInfo>& inout_serviceInfo);
+
+    // Forgets the service registered under serviceId (the id the platform returned) and
+    // sends DELETE "/discovery/api/v1/service/<id>/<secret>". The service is forgotten before
+    // the request leaves, whatever the platform answers; a platform or transport failure is
+    // only written to the debug log ("ERROR: QXP unregister service failed: ..."). Throws
+    // Varkel::Zu::InvalidArgumentException "Service not found" when the id is not registered
+    // (nothing is sent). Waits for a heartbeat pass under way. Blocks the calling thread; any
+    // thread except an HTTP continuation.
+    void unregisterService(const std::wstring& serviceId);
+
+    // unregisterService for every registered service, in id order, each failure written to
+    // the debug log. Never throws for a platform failure. Blocks like unregisterService.
+    void unregisterAllServices();
+
   protected:
     // Requests a new access token ("/identity/connect/token", client-credentials grant) and
     // then the identity service's key set, and reads the platform account from the token's
@@ -143,6 +177,11 @@ class TOLVA_EXPORT QxPlatformApi {
     // once by the constructor.
     void launchHeartbeatTask();
 
+    // One heartbeat: PUT "/discovery/api/v1/service/<id>/<secret>/health" with the JSON body
+    // null, waited for. 204 writes "TRACE: Heartbeat sent for service <id>"; another status
+    // or a transport failure is logged (capped) and not thrown.
+    void sendHeartbeat(const std::wstring& serviceId, const std::wstring& serviceSecret);
+
   private:
     friend std::shared_ptr<web::http::client::http_client> WebUtils::createHttpClient(
         const std::wstring& url, const std::shared_ptr<QxPlatformApi>& api);
@@ -153,9 +192,19 @@ class TOLVA_EXPORT QxPlatformApi {
         pplx::task<void> receptionTask;
     };
 
+    // A registered service as the heartbeat pass sends it: id and secret.
+    struct ServiceCredentials {
+        std::wstring serviceId;
+        std::wstring serviceSecret;
+    };
+
     void heartbeatLoop();
+    void heartbeatPass();
+    std::vector<ServiceCredentials> copyServiceTable() const;
     std::shared_ptr<web::http::client::http_client> currentClient() const;
     std::wstring currentAccessToken() const;
+    // "Bearer " + the current access token as it stands, as header text.
+    std::string bearerAuthorization() const;
     void storeToken(const Token& token);
 
     static std::shared_ptr<Varkel::Zu::Logger> logger_;
@@ -170,8 +219,17 @@ class TOLVA_EXPORT QxPlatformApi {
     std::wstring platformUrl_;
     std::wstring apiKey_;
     Token currentToken_;
-    // Guards the mailbox table and is held by the heartbeat task for each whole pass.
+    // Guards the mailbox table and the unregistration side of the service table, and is held
+    // by the heartbeat task for each whole pass.
     std::mutex objectLock_;
+    // Registered services by the id the platform returned.
+    std::map<std::wstring, std::shared_ptr<Model::ModelServiceInfo>> serviceTable_;
+    // Registration enters a service from an HTTP continuation without the object lock, so
+    // that it never waits for a heartbeat pass. Unlocked, that insertion would race with the
+    // pass's copy of the table; this leaf lock, held only for a copy, insertion or removal
+    // (and for every read or write of a registered record's secret), makes it well defined
+    // without changing who waits for whom.
+    mutable std::mutex serviceTableMutex_;
     std::atomic<bool> running_{false};
     pplx::task<void> heartbeatTask_;
     Varkel::Zu::ConditionVariable heartbeatWakeUp_;

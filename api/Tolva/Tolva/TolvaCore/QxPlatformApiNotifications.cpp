@@ -1,0 +1,71 @@
+// QxPlatformApi: posting notifications to the platform's notification service.
+#include <TolvaCore/QxPlatformApi.h>
+
+#include "private/ApiDefaults.h"
+#include "private/RestCall.h"
+
+#include <ZuCore/DebugLog.h>
+#include <ZuCore/StringConversion.h>
+
+#include <locale>
+
+#include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/uuid_io.hpp>
+
+namespace Varkel {
+namespace Tolva {
+namespace Rest {
+
+using Varkel::Zu::narrow;
+using Varkel::Zu::widen;
+using web::json::value;
+
+namespace {
+
+// Lower-cased character by character with the global locale.
+std::wstring lowerCase(const std::wstring& text) {
+    const std::locale globalLocale;
+    std::wstring lowered;
+    lowered.reserve(text.size());
+    for (const wchar_t c : text) {
+        lowered.push_back(std::tolower(c, globalLocale));
+    }
+    return lowered;
+}
+
+}  // namespace
+
+void QxPlatformApi::postNotification(const std::wstring& topic, const std::wstring& content,
+                                     unsigned int ttl) {
+    validateToken();
+
+    RestCall call(web::http::methods::POST, ApiDefaults::kNotificationsPath);
+    call.header("Accept", RestCall::kJsonContentType)
+        .header("Content-Type", RestCall::kJsonContentType)
+        .header("User-Agent", RestCall::kUserAgent)
+        .header("Authorization", bearerAuthorization())
+        .accept({web::http::status_codes::NoContent})
+        .failureText(L"Post notification failed. ");
+
+    // A generator per call, seeded afresh from the system's random source.
+    boost::uuids::random_generator uuidGenerator;
+    value body = value::object();
+    body["id"] = value::string(boost::uuids::to_string(uuidGenerator()));
+    body["time"] =
+        value::string(utility::datetime::utc_now().to_string(utility::datetime::ISO_8601));
+    body["topic"] = value::string(narrow(lowerCase(topic)));
+    body["content"] = value::string(narrow(content));
+    if (ttl != 0) {
+        body["ttl"] = value::number(ttl);
+    }
+    body["source"] = value::string(RestCall::kUserAgent);
+
+    Varkel::Zu::DebugLog::trace(L"Sending QXP notification: " + widen(body.serialize()));
+    call.jsonBody(body);
+
+    RestCall::translatingHttpFailure([&] { call.perform(currentClient()); });
+}
+
+}  // namespace Rest
+}  // namespace Tolva
+}  // namespace Varkel

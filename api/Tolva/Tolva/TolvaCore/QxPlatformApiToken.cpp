@@ -1,0 +1,131 @@
+// QxPlatformApi: the access token. Requests it with the client-credentials grant, fetches the
+// identity service's key set with it, reads the platform account from the token, and renews
+// it when fewer than 300 seconds of it remain.
+#include <TolvaCore/QxPlatformApi.h>
+
+#include "private/ApiDefaults.h"
+#include "private/RestCall.h"
+
+#include <ZuCore/Base64.h>
+#include <ZuCore/DebugLog.h>
+#include <ZuCore/LogMacros.h>
+#include <ZuCore/StringConversion.h>
+
+#include <cstdio>
+#include <iostream>
+#include <stdexcept>
+#include <vector>
+
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/split.hpp>
+
+namespace Varkel {
+namespace Tolva {
+namespace Rest {
+
+using Varkel::Zu::DebugLog;
+using Varkel::Zu::Logger;
+using Varkel::Zu::narrow;
+using Varkel::Zu::widen;
+using web::http::http_exception;
+using web::http::http_response;
+using web::http::status_codes;
+using web::json::value;
+
+bool QxPlatformApi::isTokenDue(const Token& token, Token::TimePoint now) {
+    if (token.accessToken.empty()) {
+        return true;
+    }
+    // An expiry before now is due without computing the difference: from the initial
+    // minimum expiry, expiresAt - now would overflow.
+    if (token.expiresAt < now) {
+        return true;
+    }
+    return token.expiresAt - now < ApiDefaults::kTokenRenewalMargin;
+}
+
+void QxPlatformApi::validateToken() {
+    {
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        if (!isTokenDue(currentToken_, Token::now())) {
+            return;
+        }
+    }
+    DebugLog::trace(L"Obtaining a new access token");
+    try {
+        storeToken(getToken());
+    } catch (const std::exception& e) {
+        DebugLog::error(L"Token validation failed. " + widen(e.what()));
+        ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
+                      L"Token validation failed. " + widen(e.what()));
+    }
+}
+
+Token QxPlatformApi::getToken() {
+    const auto client = currentClient();
+
+    RestCall tokenCall(web::http::methods::POST, ApiDefaults::kTokenPath);
+    tokenCall.header("Accept", RestCall::kJsonContentType)
+        .header("Content-Type", ApiDefaults::kFormContentType)
+        .header("User-Agent", RestCall::kUserAgent)
+        .header("Authorization", narrow(L"Basic " + getPlatformApiKey()))
+        .accept({status_codes::OK})
+        .failureText(L"Get token failed ");
+    RestCall keySetCall(web::http::methods::GET, ApiDefaults::kKeySetPath);
+    keySetCall.header("Accept", RestCall::kJsonContentType)
+        .header("User-Agent", RestCall::kUserAgent)
+        .accept({status_codes::OK})
+        .failureText(L"GET JWKS failed ")
+        .beforeFailure([] { std::printf("#########GET JWKS failed.\n"); });
+    tokenCall.textBody(ApiDefaults::kTokenRequestBody, ApiDefaults::kFormContentType);
+
+    std::printf("#####Access token being created.\n");
+
+    Token result;
+    try {
+        // The continuations write only into result, which outlives them: each chain is
+        // waited for before the next step.
+        tokenCall.send(client)
+            .then([](http_response response) { return response.extract_json(); })
+            .then([&result](const value& reply) {
+                result.accessToken = widen(reply.at("access_token").as_string());
+                const std::int64_t lifetimeSeconds = reply.at("expires_in").as_integer();
+                result.expiresAt = Token::now() + std::chrono::seconds(lifetimeSeconds);
+                std::printf("#########Access token updated successfully.\n");
+                DebugLog::trace(L"Access token updated successfully.");
+            })
+            .get();
+
+        keySetCall.send(client)
+            .then([](http_response response) { return response.extract_json(); })
+            .then([&result](const value& keySet) { result.keySet = keySet; })
+            .get();
+    } catch (const http_exception& e) {
+        std::printf("####### Get token failed \n");
+        std::cout << "####### Get token failed: " << e.what() << std::endl;
+        ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
+                      L"Get token failed " + widen(e.what()));
+        clearToken();
+        throw std::runtime_error(e.what());
+    }
+
+    std::vector<std::string> parts;
+    const std::string accessToken = narrow(result.accessToken);
+    boost::split(parts, accessToken, boost::is_any_of("."));
+    if (parts.size() != 3) {
+        throw std::runtime_error("Invalid JWT token. Expecting 3 parts");
+    }
+    const auto payloadBytes = Varkel::Zu::Base64::decode(parts[1]);
+    const std::wstring payloadText = widen(payloadBytes->toString());
+    const value payload = value::parse(narrow(payloadText));
+    if (!payload.is_object() || !payload.has_string_field("acc")) {
+        throw std::runtime_error("Invalid JWT token. Does not carry an 'acc' claim.");
+    }
+    result.account = widen(payload.at("acc").as_string());
+    ZU_LOG_DEBUG(logger_, L"QX Platform account : " + result.account);
+    return result;
+}
+
+}  // namespace Rest
+}  // namespace Tolva
+}  // namespace Varkel
