@@ -68,14 +68,16 @@ TEST(ModelServiceHealthTest, ADefaultHealthIsOkAndSerialisesSo) {
     EXPECT_EQ(health->getHealth(), HealthState::OK);
     EXPECT_EQ(health->getHealthText(), L"Service is healthy");
     EXPECT_EQ(ModelServiceHealth::HEALTH_TEXT_SERVICE_IS_HEALTHY, L"Service is healthy");
-    EXPECT_EQ(health->toJson(), value::parse(R"({"health":"OK","healthText":"Service is healthy"})"));
+    EXPECT_EQ(health->toJson(),
+              value::parse(R"({"health":"OK","healthText":"Service is healthy"})"));
 }
 
 TEST(ModelServiceHealthTest, SetHealthIsSerialisedAndSetToHealthyRestoresTheDefault) {
     const auto health = makeHealth();
     health->setHealth(HealthState::Warning, L"Disk 91% full");
     EXPECT_EQ(health->getHealth(), HealthState::Warning);
-    EXPECT_EQ(health->toJson(), value::parse(R"({"health":"Warning","healthText":"Disk 91% full"})"));
+    EXPECT_EQ(health->toJson(),
+              value::parse(R"({"health":"Warning","healthText":"Disk 91% full"})"));
 
     health->setToHealthy();
     EXPECT_EQ(health->toJson(), makeHealth()->toJson());
@@ -149,8 +151,8 @@ TEST(ModelServiceHealthTest, ConcurrentReadersNeverSeeAStateWithAnotherText) {
                 const value json = health->toJson();
                 const std::string state = json.at("health").as_string();
                 const std::string text = json.at("healthText").as_string();
-                const bool consistent = (state == "OK" && text == "Service is healthy") ||
-                                        text == state + " text";
+                const bool consistent =
+                    (state == "OK" && text == "Service is healthy") || text == state + " text";
                 if (!consistent) {
                     ++mismatches;
                 }

@@ -136,17 +136,15 @@ TEST(ModelServiceInfoTest, FromJsonReadsEveryMember) {
 
 TEST(ModelServiceInfoTest, APortAbove65535ThrowsPositiveOverflow) {
     const auto info = Varkel::Zu::MakeShared::create<ModelServiceInfo>();
-    EXPECT_THROW(info->fromJson(recordJson([](web::json::object& o) {
-        o["servicePort"] = value::number(70000);
-    })),
+    EXPECT_THROW(info->fromJson(recordJson(
+                     [](web::json::object& o) { o["servicePort"] = value::number(70000); })),
                  boost::numeric::positive_overflow);
 }
 
 TEST(ModelServiceInfoTest, ANegativePortThrowsNegativeOverflow) {
     const auto info = Varkel::Zu::MakeShared::create<ModelServiceInfo>();
-    EXPECT_THROW(info->fromJson(recordJson([](web::json::object& o) {
-        o["servicePort"] = value::number(-1);
-    })),
+    EXPECT_THROW(info->fromJson(recordJson(
+                     [](web::json::object& o) { o["servicePort"] = value::number(-1); })),
                  boost::numeric::negative_overflow);
 }
 

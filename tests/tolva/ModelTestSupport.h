@@ -22,8 +22,7 @@ using Varkel::Tolva::Rest::Model::ModelServiceInfo;
 // A record that passes validate(), with a fresh random id.
 inline std::shared_ptr<ModelServiceInfo> completeServiceInfo() {
     auto info = Varkel::Zu::MakeShared::create<ModelServiceInfo>();
-    info->serviceId =
-        std::make_shared<Varkel::Zu::ZuUUID>(Varkel::Zu::ZuUUID::generateRandom());
+    info->serviceId = std::make_shared<Varkel::Zu::ZuUUID>(Varkel::Zu::ZuUUID::generateRandom());
     info->serviceType = L"render";
     info->serviceInstance = L"render-01";
     info->serviceAddress = L"10.1.2.3";

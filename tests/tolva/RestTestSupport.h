@@ -172,7 +172,9 @@ inline qxpemu::EmulatorOptions testEmulatorOptions() {
 // A running emulator, "http_proxy" removed so that requests go straight to it.
 class RestTest : public ::testing::Test {
   protected:
-    RestTest() : noProxy_("http_proxy", std::nullopt), emulator_(testEmulatorOptions()) {}
+    RestTest() : RestTest(testEmulatorOptions()) {}
+    explicit RestTest(qxpemu::EmulatorOptions options)
+        : noProxy_("http_proxy", std::nullopt), emulator_(std::move(options)) {}
 
     void SetUp() override { emulator_.start(); }
 

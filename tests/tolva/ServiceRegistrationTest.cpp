@@ -57,10 +57,10 @@ class ServiceRegistrationTest : public RestTest {
     // A canned 201 reply carrying this id and secret.
     static qxpemu::FaultRule registrationReply(int status, const std::string& serviceId,
                                                const std::string& secret) {
-        return statusRule("POST", kServicePath, status,
-                          R"({"serviceId":")" + serviceId + R"(","serviceSecret":")" + secret +
-                              R"("})",
-                          "application/json");
+        return statusRule(
+            "POST", kServicePath, status,
+            R"({"serviceId":")" + serviceId + R"(","serviceSecret":")" + secret + R"("})",
+            "application/json");
     }
 
     std::shared_ptr<TestApi> api_;
@@ -95,8 +95,8 @@ TEST_F(ServiceRegistrationTest, TheServiceIsKeptUnderTheReturnedIdWithTheReturne
     EXPECT_NE(info->serviceId->toString(), returnedId);
 
     EXPECT_EQ(unregisterMessage(widen(returnedId)), L"");
-    const auto deletes = requestsTo("DELETE", std::string(kServicePath) + "/" + returnedId +
-                                                  "/the-secret");
+    const auto deletes =
+        requestsTo("DELETE", std::string(kServicePath) + "/" + returnedId + "/the-secret");
     EXPECT_EQ(deletes.size(), 1u);
 }
 
@@ -153,8 +153,8 @@ TEST_F(ServiceRegistrationTest, ANullRecordIsAnAssertionAndSendsNothing) {
     EXPECT_TRUE(emulator_.requests().empty());
     bool logged = false;
     for (const auto& record : records.records()) {
-        logged = logged || record.message.find(L"Assertion failed: inout_serviceInfo") !=
-                               std::wstring::npos;
+        logged = logged ||
+                 record.message.find(L"Assertion failed: inout_serviceInfo") != std::wstring::npos;
     }
     EXPECT_TRUE(logged);
 }
@@ -200,8 +200,8 @@ TEST_F(ServiceRegistrationTest, ASecondRegistrationUnderTheSameIdReplacesTheEntr
     EXPECT_EQ(second->serviceSecret, L"second-secret");
 
     EXPECT_EQ(unregisterMessage(widen(id)), L"");
-    const auto deletes = requestsTo("DELETE", std::string(kServicePath) + "/" + id +
-                                                  "/second-secret");
+    const auto deletes =
+        requestsTo("DELETE", std::string(kServicePath) + "/" + id + "/second-secret");
     EXPECT_EQ(deletes.size(), 1u);
     EXPECT_EQ(unregisterMessage(widen(id)), L"Service not found");
 }
@@ -257,9 +257,9 @@ TEST_F(ServiceRegistrationTest, ADroppedDeleteIsOnlyLogged) {
     emulator_.addFault(dropRule("DELETE", std::string(kServicePath) + "/.*"));
     const DebugLogTail log;
     EXPECT_EQ(unregisterMessage(id), L"");
-    EXPECT_EQ(log.countLinesStartingWith("ERROR: QXP unregister service failed: " + narrow(id) +
-                                         ", "),
-              1u);
+    EXPECT_EQ(
+        log.countLinesStartingWith("ERROR: QXP unregister service failed: " + narrow(id) + ", "),
+        1u);
     EXPECT_EQ(unregisterMessage(id), L"Service not found");
 }
 
