@@ -100,6 +100,9 @@ QxPlatformApi::~QxPlatformApi() {
             // A failed or cancelled reception ends the same way; the walk goes on.
         }
     }
+    // Polls of mailboxes deleted meanwhile are in no table entry; they are cancelled all the
+    // same and waited for here, since their continuations use this object.
+    waitForPollsToEnd();
     DebugLog::trace(L"It took " + std::to_wstring(timer.getMilliseconds()) +
                     L" ms to kill the mailbox reception tasks.");
 }

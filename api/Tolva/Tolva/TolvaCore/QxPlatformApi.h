@@ -8,8 +8,27 @@
 // answered. One task of the object's own, the heartbeat task, wakes every five seconds, renews
 // the token when due and sends one heartbeat per registered service, holding the object lock
 // for the whole pass; unregistration (and the mailbox calls) wait for a pass under way.
+//
+// Mail: the first createMailbox starts the "Mailbox polling thread", which keeps one long poll
+// (GET ".../notifications/<id>?timeout=30") outstanding per mailbox. Each poll's answer is
+// handled on a thread of the HTTP library's pool, which hands every notification to the
+// mailbox's listeners (Mailbox::receiveMail) and then starts the mailbox's next poll:
+// - Listeners run on those pool threads, one at a time per mailbox. A slow listener delays
+//   only its own mailbox's next poll, but it holds a pool thread meanwhile: the pool has 40
+//   threads by default, so at most about 40 listeners may block at once before every request
+//   of the process (polls, posts, heartbeats) stalls. A listener may call back into this
+//   object (post, even postNotificationAndWaitForReply): that blocks one more pool thread
+//   until the answer comes.
+// - Every live mailbox holds one socket to the platform for its poll: a host with thousands of
+//   mailboxes needs a descriptor limit (ulimit -n) above that number.
+// - A poll that fails in transport (connection refused or reset, the platform restarting, the
+//   client's 30-second time-out racing the platform's 30-second wait) keeps its mailbox in the
+//   cycle: it is polled again after a back-off that doubles from 100 ms to 5 s, and the
+//   failure is logged at most once a minute. A poll answered with a status other than 200 or
+//   204 drops the mailbox (see retrieveMail).
 #pragma once
 
+#include <TolvaCore/Mailbox.h>
 #include <TolvaCore/ModelServiceInfo.h>
 #include <TolvaCore/Token.h>
 #include <TolvaCore/TolvaExport.h>
@@ -22,6 +41,8 @@
 #include <ZuCore/Thread.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -34,8 +55,6 @@
 namespace Varkel {
 namespace Tolva {
 namespace Rest {
-
-class Mailbox;
 
 class TOLVA_EXPORT QxPlatformApi {
   public:
@@ -153,6 +172,52 @@ class TOLVA_EXPORT QxPlatformApi {
     // the debug log. Never throws for a platform failure. Blocks like unregisterService.
     void unregisterAllServices();
 
+    // Creates `mailbox` on the platform subscribed to `subscription` (POST
+    // "/notifications/api/v1/mailbox" with "id", "subscription", "mailboxTTL" when the ttl is
+    // not 0, and "durable"), stores the secret the platform returns (Mailbox::setSecret; left
+    // empty when the reply has none), enters the mailbox in this object's table and queues it
+    // for polling; the first call starts the "Mailbox polling thread". Renews the token first.
+    // Throws std::invalid_argument "Invalid mailbox id" (nil id) or "Invalid mailbox
+    // subscription" (empty) before anything is sent; a status other than 200 or a transport
+    // failure throws std::exception with the HTTP library's text (the body for a status), and
+    // the mailbox is neither entered nor queued. Blocks the calling thread (also for a
+    // heartbeat pass under way); any thread.
+    void createMailbox(const std::shared_ptr<Mailbox>& mailbox, const std::wstring& subscription);
+
+    // Adds (subscribeTopic) or removes (unsubscribeTopic) a topic subscription of a mailbox:
+    // POST ".../mailbox/<id>/subscribe/<topic>" (".../unsubscribe/...") with the topic
+    // lower-cased and percent-encoded. The mailbox need not have been created by this object.
+    // Renews the token first. Throws std::invalid_argument as createMailbox does (an empty
+    // topic is "Invalid mailbox subscription"), and web::http::http_exception for a status other
+    // than 204 (its text is the response body) or a transport failure. Blocks; any thread.
+    void subscribeTopic(const std::shared_ptr<const Mailbox>& mailbox, const std::wstring& topic);
+    void unsubscribeTopic(const std::shared_ptr<const Mailbox>& mailbox, const std::wstring& topic);
+
+    // Forgets the mailbox and deletes it on the platform (DELETE ".../mailbox/<secret>"). The
+    // mailbox is out of this object's table before the request leaves: a failed DELETE is not
+    // retried, and a second call throws. A 404 answer is only a warning. Its outstanding poll, if
+    // any, ends on its own (at the latest after the platform's 30-second wait). Throws
+    // Varkel::Zu::InvalidArgumentException "Mailbox was not created by this instance of the QX
+    // Platform API." for a mailbox this object did not create (nothing is sent), and
+    // web::http::http_exception for a status other than 204 or 404 or a transport failure.
+    // Blocks; any thread.
+    void deleteMailbox(const std::shared_ptr<const Mailbox>& mailbox);
+
+    // True once a mailbox was created and every mailbox created has since been deleted (or
+    // dropped after an unexpected poll answer). Any thread.
+    bool hasDeletedMailboxes();
+
+    // Request and reply: creates a temporary mailbox subscribed to replyTopic, posts `content`
+    // on `topic` (no time to live), waits until a notification with non-empty content arrives
+    // on the temporary mailbox or `deadline` passes, deletes the mailbox and returns the
+    // content of the last notification received ("" on time-out; a time-out is not an error).
+    // Throws what createMailbox and postNotification throw; when the post fails, the temporary
+    // mailbox stays created, registered and polled (it is not cleaned up). Blocks the calling
+    // thread until the reply or the deadline; any thread.
+    std::wstring postNotificationAndWaitForReply(
+        const std::wstring& topic, const std::wstring& content, const std::wstring& replyTopic,
+        const std::chrono::steady_clock::time_point& deadline);
+
   protected:
     // Requests a new access token ("/identity/connect/token", client-credentials grant) and
     // then the identity service's key set, and reads the platform account from the token's
@@ -177,6 +242,21 @@ class TOLVA_EXPORT QxPlatformApi {
     // once by the constructor.
     void launchHeartbeatTask();
 
+    // The body of the "Mailbox polling thread": takes mailboxes from the mailbox queue and
+    // starts one poll for each, until the running flag is cleared. Also queues the mailboxes
+    // whose retry after a transport failure is due.
+    void queryLauncherThreadLoop();
+
+    // Starts one long poll for the mailbox and records its reception task; does not wait. The
+    // answer is handled on a pool thread: 200 hands every notification of the reply to
+    // mailbox->receiveMail in array order and queues the mailbox again; 204 queues it again;
+    // any other status writes "ERROR: Received status code <status> when attempting to get
+    // mail for mailbox : <id>. Will delete mailbox." and drops it from the table (only
+    // locally) when it is still there; a transport failure queues it again after the back-off.
+    // A failure to start the request writes "ERROR: Mailbox with id : <id> cannot receive mail
+    // anymore. ..." and leaves the mailbox out of the cycle.
+    void retrieveMail(const std::shared_ptr<Mailbox>& mailbox);
+
     // One heartbeat: PUT "/discovery/api/v1/service/<id>/<secret>/health" with the JSON body
     // null, waited for. 204 writes "TRACE: Heartbeat sent for service <id>"; another status
     // or a transport failure is logged (capped) and not thrown.
@@ -199,6 +279,19 @@ class TOLVA_EXPORT QxPlatformApi {
     };
 
     void heartbeatLoop();
+    void changeSubscription(const std::shared_ptr<const Mailbox>& mailbox,
+                            const std::wstring& topic, bool subscribe);
+    // The parts of one poll: the answer's handling, the back-off after a transport failure,
+    // and the end of the poll's task.
+    pplx::task<void> handlePollResponse(const std::shared_ptr<Mailbox>& mailbox,
+                                        const std::wstring& mailboxId,
+                                        pplx::task<web::http::http_response> responseTask);
+    void schedulePollRetry(const std::shared_ptr<Mailbox>& mailbox, const std::wstring& mailboxId,
+                           const std::exception& failure);
+    void queueDuePollRetries();
+    std::chrono::steady_clock::time_point nextPollRetryDeadline();
+    void pollEnded();
+    void waitForPollsToEnd();
     void heartbeatPass();
     std::vector<ServiceCredentials> copyServiceTable() const;
     std::shared_ptr<web::http::client::http_client> currentClient() const;
@@ -235,9 +328,23 @@ class TOLVA_EXPORT QxPlatformApi {
     Varkel::Zu::ConditionVariable heartbeatWakeUp_;
     std::shared_ptr<web::http::client::http_client> httpClient_;
     std::map<std::wstring, MailboxEntry> mailboxTable_;
+    // Set by the first successful createMailbox; guarded by the object lock.
+    bool mailboxCreated_ = false;
     pplx::cancellation_token_source receptionCancellation_;
     std::shared_ptr<MailboxQueue> mailboxQueue_;
     std::shared_ptr<Varkel::Zu::Thread> queryLauncherThread_;
+
+    // Every poll whose task has not ended yet, deleted mailboxes' included. A deleted
+    // mailbox's task is no longer in the mailbox table, but its continuation still uses this
+    // object; the destructor waits for this count to reach zero so that no continuation
+    // outlives the object. The same lock guards the delayed retries and the back-off state.
+    std::mutex pollsMutex_;
+    std::condition_variable pollsEnded_;
+    std::size_t pollsInFlight_ = 0;
+    // Mailboxes to queue again once their back-off has passed, by due time.
+    std::multimap<std::chrono::steady_clock::time_point, std::shared_ptr<Mailbox>> pollRetries_;
+    // Consecutive transport failures per mailbox id.
+    std::map<std::wstring, unsigned int> pollFailures_;
 };
 
 }  // namespace Rest

@@ -3,11 +3,10 @@
 
 #include "private/ApiDefaults.h"
 #include "private/RestCall.h"
+#include "private/TopicText.h"
 
 #include <ZuCore/DebugLog.h>
 #include <ZuCore/StringConversion.h>
-
-#include <locale>
 
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
@@ -19,21 +18,6 @@ namespace Rest {
 using Varkel::Zu::narrow;
 using Varkel::Zu::widen;
 using web::json::value;
-
-namespace {
-
-// Lower-cased character by character with the global locale.
-std::wstring lowerCase(const std::wstring& text) {
-    const std::locale globalLocale;
-    std::wstring lowered;
-    lowered.reserve(text.size());
-    for (const wchar_t c : text) {
-        lowered.push_back(std::tolower(c, globalLocale));
-    }
-    return lowered;
-}
-
-}  // namespace
 
 void QxPlatformApi::postNotification(const std::wstring& topic, const std::wstring& content,
                                      unsigned int ttl) {
@@ -53,7 +37,7 @@ void QxPlatformApi::postNotification(const std::wstring& topic, const std::wstri
     body["id"] = value::string(boost::uuids::to_string(uuidGenerator()));
     body["time"] =
         value::string(utility::datetime::utc_now().to_string(utility::datetime::ISO_8601));
-    body["topic"] = value::string(narrow(lowerCase(topic)));
+    body["topic"] = value::string(narrow(lowerCaseTopic(topic)));
     body["content"] = value::string(narrow(content));
     if (ttl != 0) {
         body["ttl"] = value::number(ttl);

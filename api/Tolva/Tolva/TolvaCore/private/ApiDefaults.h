@@ -22,6 +22,14 @@ constexpr const char* kTokenRequestBody = "grant_type=client_credentials&scope=p
 constexpr const char* kFormContentType = "application/x-www-form-urlencoded";
 constexpr const char* kNotificationsPath = "/notifications/api/v1/notifications";
 constexpr const char* kServicePath = "/discovery/api/v1/service";
+constexpr const char* kMailboxPath = "/notifications/api/v1/mailbox";
+// Long polls: GET kNotificationsPath + "/" + mailbox id + kPollQuery.
+constexpr const char* kPollQuery = "?timeout=30";
+
+// A poll that fails in transport is retried after a back-off that doubles from the first
+// delay up to the longest one, and starts again from the first after a poll succeeds.
+constexpr std::chrono::milliseconds kPollRetryFirstDelay(100);
+constexpr std::chrono::milliseconds kPollRetryLongestDelay(5000);
 
 }  // namespace ApiDefaults
 }  // namespace Rest

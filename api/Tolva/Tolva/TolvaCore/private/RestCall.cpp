@@ -39,8 +39,9 @@ RestCall& RestCall::accept(std::initializer_list<web::http::status_code> statuse
     return *this;
 }
 
-RestCall& RestCall::failureText(std::wstring text) {
+RestCall& RestCall::failureText(std::wstring text, std::wstring suffix) {
     failureText_ = std::move(text);
+    failureSuffix_ = std::move(suffix);
     return *this;
 }
 
@@ -67,7 +68,7 @@ pplx::task<http_response> RestCall::send(
     const std::shared_ptr<web::http::client::http_client>& client) const {
     // The continuation owns copies of what it needs: it may run after this object is gone.
     return sendUnchecked(client).then(
-        [accepted = accepted_, failureText = failureText_,
+        [accepted = accepted_, failureText = failureText_, failureSuffix = failureSuffix_,
          beforeFailure = beforeFailure_](http_response response) -> pplx::task<http_response> {
             const web::http::status_code status = response.status_code();
             if (std::find(accepted.begin(), accepted.end(), status) != accepted.end()) {
@@ -77,7 +78,8 @@ pplx::task<http_response> RestCall::send(
                 beforeFailure();
             }
             Varkel::Zu::DebugLog::error(failureText + std::to_wstring(status) + L" " +
-                                        Varkel::Zu::widen(response.reason_phrase()));
+                                        Varkel::Zu::widen(response.reason_phrase()) +
+                                        failureSuffix);
             // The body is read asynchronously so that no continuation blocks a pool thread.
             return response.extract_string(true).then(
                 [status](const std::string& body) -> http_response {

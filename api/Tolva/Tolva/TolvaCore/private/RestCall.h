@@ -5,6 +5,11 @@
 // "ERROR: " + failure text + status + " " + reason phrase to the debug log and fails the task
 // with web::http::http_exception(status, response body).
 //
+//   RestCall call(web::http::methods::POST, "/notifications/api/v1/mailbox");
+//   call.header("Accept", RestCall::kJsonContentType).jsonBody(body)
+//       .accept({web::http::status_codes::OK}).failureText(L"Create Mailbox failed ");
+//   web::http::http_response response = call.perform(client);
+//
 // Internal to the library: cpprestsdk stays behind this class and the API object's sources.
 #pragma once
 
@@ -45,8 +50,9 @@ class RestCall {
     // The statuses that count as success (default: none, so set them).
     RestCall& accept(std::initializer_list<web::http::status_code> statuses);
 
-    // The text of the "ERROR: " line written for any other status.
-    RestCall& failureText(std::wstring text);
+    // The text of the "ERROR: " line written for any other status, and what follows the
+    // reason phrase on that line (nothing unless set).
+    RestCall& failureText(std::wstring text, std::wstring suffix = L"");
 
     // Runs on a status failure just before the "ERROR: " line (for an operation that reports
     // the failure elsewhere too).
@@ -88,6 +94,7 @@ class RestCall {
     web::http::http_request request_;
     std::vector<web::http::status_code> accepted_;
     std::wstring failureText_;
+    std::wstring failureSuffix_;
     std::function<void()> beforeFailure_;
     pplx::cancellation_token cancellation_ = pplx::cancellation_token::none();
 };

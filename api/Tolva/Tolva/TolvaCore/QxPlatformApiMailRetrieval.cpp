@@ -1,0 +1,272 @@
+// QxPlatformApi: mail retrieval. The "Mailbox polling thread" keeps one long poll outstanding
+// per mailbox; each poll's answer is handled on a pool thread, which delivers the mail to the
+// mailbox's listeners and queues the mailbox for its next poll. Also request and reply over a
+// temporary mailbox.
+#include <TolvaCore/QxPlatformApi.h>
+
+#include "private/ApiDefaults.h"
+#include "private/MailboxListenerWithWait.h"
+#include "private/RestCall.h"
+
+#include <ZuCore/CommonUtil.h>
+#include <ZuCore/Constants.h>
+#include <ZuCore/DebugLog.h>
+#include <ZuCore/LogMacros.h>
+#include <ZuCore/MakeShared.h>
+#include <ZuCore/StringConversion.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <vector>
+
+#include <boost/uuid/uuid_io.hpp>
+
+namespace Varkel {
+namespace Tolva {
+namespace Rest {
+
+using Varkel::Zu::DebugLog;
+using Varkel::Zu::Logger;
+using Varkel::Zu::narrow;
+using Varkel::Zu::widen;
+using web::http::http_response;
+using web::http::status_codes;
+using web::json::value;
+using SteadyClock = std::chrono::steady_clock;
+
+namespace {
+
+// A string member of a notification, "" when it is missing.
+std::wstring memberText(const value& notification, const char* name) {
+    if (!notification.is_object() || !notification.has_field(name)) {
+        return L"";
+    }
+    return widen(notification.at(name).as_string());
+}
+
+}  // namespace
+
+void QxPlatformApi::queryLauncherThreadLoop() {
+    for (;;) {
+        try {
+            if (!running_) {
+                std::printf("MAILBOX IS NO LONGER RUNNING!!!!!!!!");
+                return;
+            }
+            std::shared_ptr<Mailbox> mailbox;
+            while (!mailbox) {
+                queueDuePollRetries();
+                // Infinite unless a retry is waiting; a new retry puts an empty pointer into
+                // the queue to wake this wait, and an empty pointer is simply skipped.
+                const SteadyClock::time_point deadline = nextPollRetryDeadline();
+                {
+                    std::unique_lock<std::mutex> lock(mailboxQueue_->getMutex());
+                    mailboxQueue_->getObjectNoLock(lock, mailbox, deadline, 0, false);
+                }
+                if (!running_) {
+                    return;
+                }
+            }
+            retrieveMail(mailbox);
+        } catch (const std::exception& e) {
+            ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
+                          widen(e.what()));
+        }
+    }
+}
+
+void QxPlatformApi::retrieveMail(const std::shared_ptr<Mailbox>& mailbox) {
+    const std::wstring mailboxId = widen(boost::uuids::to_string(mailbox->getId()));
+    bool counted = false;
+    try {
+        RestCall call(web::http::methods::GET, std::string(ApiDefaults::kNotificationsPath) + "/" +
+                                                   narrow(mailboxId) + ApiDefaults::kPollQuery);
+        // A poll uses the token as it stands: the heartbeat and the other calls renew it.
+        call.header("User-Agent", RestCall::kUserAgent)
+            .header("Authorization", bearerAuthorization())
+            .cancellation(receptionCancellation_.get_token());
+
+        {
+            std::lock_guard<std::mutex> lock(pollsMutex_);
+            ++pollsInFlight_;
+            counted = true;
+        }
+        // Every outcome is taken by the last continuation, so no task of a poll ever ends
+        // holding an exception nobody observes (that would end the process).
+        pplx::task<void> receptionTask =
+            call.sendUnchecked(currentClient())
+                .then([this, mailbox, mailboxId](pplx::task<http_response> responseTask) {
+                    return handlePollResponse(mailbox, mailboxId, responseTask);
+                })
+                .then([this, mailboxId](pplx::task<void> outcome) {
+                    try {
+                        outcome.get();
+                    } catch (const pplx::task_canceled&) {
+                        // Stopped with the object; nothing to report.
+                    } catch (const std::exception& e) {
+                        ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
+                                      L"Mailbox " + mailboxId + L" stopped receiving mail: " +
+                                          widen(e.what()));
+                    } catch (...) {
+                        ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
+                                      L"Mailbox " + mailboxId + L" stopped receiving mail.");
+                    }
+                    pollEnded();
+                });
+        // From here the chain's last continuation ends the poll's count.
+        counted = false;
+
+        std::lock_guard<std::mutex> lock(objectLock_);
+        const auto entry = mailboxTable_.find(mailboxId);
+        if (entry != mailboxTable_.end()) {
+            entry->second.receptionTask = receptionTask;
+        }
+    } catch (const std::exception& e) {
+        if (counted) {
+            pollEnded();
+        }
+        DebugLog::error(L"Mailbox with id : " + mailboxId +
+                        L" cannot receive mail anymore. Exception message : \"" + widen(e.what()) +
+                        L"\".");
+    } catch (...) {
+        if (counted) {
+            pollEnded();
+        }
+        DebugLog::error(L"Mailbox with id : " + mailboxId +
+                        L" cannot receive mail anymore. Unknown exception.");
+    }
+}
+
+pplx::task<void> QxPlatformApi::handlePollResponse(const std::shared_ptr<Mailbox>& mailbox,
+                                                   const std::wstring& mailboxId,
+                                                   pplx::task<http_response> responseTask) {
+    http_response response;
+    try {
+        response = responseTask.get();
+    } catch (const std::exception& e) {
+        // Cancelling a request fails it with the HTTP library's "operation canceled" error,
+        // not with task_canceled: a stopping object is told apart by its flag and token.
+        if (!running_ || receptionCancellation_.get_token().is_canceled()) {
+            throw pplx::task_canceled();
+        }
+        schedulePollRetry(mailbox, mailboxId, e);
+        return pplx::task_from_result();
+    }
+
+    const web::http::status_code status = response.status_code();
+    if (status == status_codes::OK || status == status_codes::NoContent) {
+        {
+            std::lock_guard<std::mutex> lock(pollsMutex_);
+            pollFailures_.erase(mailboxId);
+        }
+        if (status == status_codes::NoContent) {
+            mailboxQueue_->putObject(mailbox, ZU_TIMEOUT_INFINITE);
+            return pplx::task_from_result();
+        }
+        return response.extract_json(true).then([this, mailbox](const value& body) {
+            // Copied first: the listeners run on the copy.
+            const std::vector<value> notifications(body.as_array().begin(), body.as_array().end());
+            for (const value& notification : notifications) {
+                mailbox->receiveMail(memberText(notification, "topic"),
+                                     memberText(notification, "content"));
+            }
+            mailboxQueue_->putObject(mailbox, ZU_TIMEOUT_INFINITE);
+        });
+    }
+
+    std::lock_guard<std::mutex> lock(objectLock_);
+    const auto entry = mailboxTable_.find(mailboxId);
+    if (entry != mailboxTable_.end()) {
+        DebugLog::error(L"Received status code " + std::to_wstring(status) +
+                        L" when attempting to get mail for mailbox : " + mailboxId +
+                        L". Will delete mailbox.");
+        // Only dropped here: the platform is not asked to delete anything.
+        mailboxTable_.erase(entry);
+    }
+    return pplx::task_from_result();
+}
+
+void QxPlatformApi::schedulePollRetry(const std::shared_ptr<Mailbox>& mailbox,
+                                      const std::wstring& mailboxId,
+                                      const std::exception& failure) {
+    {
+        // A mailbox deleted meanwhile is not polled again.
+        std::lock_guard<std::mutex> lock(objectLock_);
+        if (mailboxTable_.find(mailboxId) == mailboxTable_.end()) {
+            return;
+        }
+    }
+    std::chrono::milliseconds delay = ApiDefaults::kPollRetryFirstDelay;
+    {
+        std::lock_guard<std::mutex> lock(pollsMutex_);
+        const unsigned int failures = ++pollFailures_[mailboxId];
+        for (unsigned int i = 1; i < failures && delay < ApiDefaults::kPollRetryLongestDelay; ++i) {
+            delay *= 2;
+        }
+        delay = std::min(delay, ApiDefaults::kPollRetryLongestDelay);
+        pollRetries_.emplace(SteadyClock::now() + delay, mailbox);
+    }
+    ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
+                  L"Poll of mailbox " + mailboxId + L" failed, polling again in " +
+                      std::to_wstring(delay.count()) + L" ms: " + widen(failure.what()));
+    // Wakes the polling thread so that it waits for this retry's due time.
+    mailboxQueue_->putObject(nullptr, ZU_TIMEOUT_INFINITE);
+}
+
+void QxPlatformApi::queueDuePollRetries() {
+    std::vector<std::shared_ptr<Mailbox>> due;
+    {
+        std::lock_guard<std::mutex> lock(pollsMutex_);
+        const auto end = pollRetries_.upper_bound(SteadyClock::now());
+        for (auto it = pollRetries_.begin(); it != end; ++it) {
+            due.push_back(it->second);
+        }
+        pollRetries_.erase(pollRetries_.begin(), end);
+    }
+    for (const auto& mailbox : due) {
+        mailboxQueue_->putObject(mailbox, ZU_TIMEOUT_INFINITE);
+    }
+}
+
+SteadyClock::time_point QxPlatformApi::nextPollRetryDeadline() {
+    std::lock_guard<std::mutex> lock(pollsMutex_);
+    if (pollRetries_.empty()) {
+        return Varkel::Zu::CommonUtil::msDelayToTimePoint(ZU_TIMEOUT_INFINITE);
+    }
+    return pollRetries_.begin()->first;
+}
+
+void QxPlatformApi::pollEnded() {
+    // Notified under the lock: the destructor cannot go on (and destroy the lock) before this
+    // thread has released it, which is its last use of this object.
+    std::lock_guard<std::mutex> lock(pollsMutex_);
+    --pollsInFlight_;
+    if (pollsInFlight_ == 0) {
+        pollsEnded_.notify_all();
+    }
+}
+
+void QxPlatformApi::waitForPollsToEnd() {
+    std::unique_lock<std::mutex> lock(pollsMutex_);
+    pollsEnded_.wait(lock, [this] { return pollsInFlight_ == 0; });
+    pollRetries_.clear();
+}
+
+std::wstring QxPlatformApi::postNotificationAndWaitForReply(
+    const std::wstring& topic, const std::wstring& content, const std::wstring& replyTopic,
+    const SteadyClock::time_point& deadline) {
+    const auto listener = std::make_shared<MailboxListenerWithWait>();
+    const auto mailbox = Varkel::Zu::MakeShared::create<Mailbox>();
+    mailbox->addListener(listener);
+    createMailbox(mailbox, replyTopic);
+    // When the post fails the temporary mailbox is left as it is: created on the platform,
+    // registered here and polled. Callers rely on this operation not hiding that.
+    postNotification(topic, content, 0);
+    const std::wstring reply = listener->waitForReply(deadline);
+    deleteMailbox(mailbox);
+    return reply;
+}
+
+}  // namespace Rest
+}  // namespace Tolva
+}  // namespace Varkel
