@@ -1,0 +1,118 @@
+// Shared pieces of the mailbox tests: a listener that records its mail and can be awaited,
+// an emulator fixture whose long polls end after one second, and request helpers.
+#pragma once
+
+#include "RestTestSupport.h"
+
+#include <TolvaCore/Mailbox.h>
+#include <TolvaCore/MailboxListener.h>
+
+#include <ZuCore/MakeShared.h>
+#include <ZuCore/StringConversion.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <boost/uuid/uuid_io.hpp>
+
+namespace TolvaRestTest {
+
+using Varkel::Tolva::Rest::Mailbox;
+using Varkel::Tolva::Rest::MailboxListener;
+
+// Records every mail as (topic, content); tests wait for a number of them.
+class RecordingListener : public MailboxListener {
+  public:
+    void onMailReceived(const std::wstring& topic, const std::wstring& content) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        mail_.emplace_back(topic, content);
+        changed_.notify_all();
+    }
+
+    // Waits until at least `count` mails have come; returns them all.
+    std::vector<std::pair<std::wstring, std::wstring>> waitFor(
+        std::size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait_for(lock, timeout, [&] { return mail_.size() >= count; });
+        return mail_;
+    }
+
+    std::size_t count() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return mail_.size();
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<std::pair<std::wstring, std::wstring>> mail_;
+};
+
+inline std::string mailboxIdText(const Mailbox& mailbox) {
+    return boost::uuids::to_string(mailbox.getId());
+}
+
+constexpr const char* kMailboxPath = "/notifications/api/v1/mailbox";
+
+inline std::string pollTarget(const Mailbox& mailbox) {
+    return std::string(kNotificationsPath) + "/" + mailboxIdText(mailbox) + "?timeout=30";
+}
+
+inline std::string pollPath(const Mailbox& mailbox) {
+    return std::string(kNotificationsPath) + "/" + mailboxIdText(mailbox);
+}
+
+// The emulator answers an idle long poll after one second instead of thirty.
+class MailTest : public RestTest {
+  protected:
+    MailTest() : RestTest(options()) {}
+
+    static qxpemu::EmulatorOptions options() {
+        qxpemu::EmulatorOptions emulatorOptions = testEmulatorOptions();
+        emulatorOptions.maxPollSeconds = 1;
+        return emulatorOptions;
+    }
+
+    // Waits until at least `count` recorded requests satisfy `matches`; returns them.
+    std::vector<qxpemu::RecordedRequest> waitForRequests(
+        const std::function<bool(const qxpemu::RecordedRequest&)>& matches, std::size_t count,
+        std::chrono::milliseconds timeout = std::chrono::seconds(20)) const {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        for (;;) {
+            const auto all = emulator_.requests();
+            std::vector<qxpemu::RecordedRequest> found;
+            std::copy_if(all.begin(), all.end(), std::back_inserter(found), matches);
+            const auto now = std::chrono::steady_clock::now();
+            if (found.size() >= count || now >= deadline) {
+                return found;
+            }
+            emulator_.waitForRequests(
+                all.size() + 1,
+                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now));
+        }
+    }
+
+    std::vector<qxpemu::RecordedRequest> waitForPolls(
+        const Mailbox& mailbox, std::size_t count,
+        std::chrono::milliseconds timeout = std::chrono::seconds(20)) const {
+        const std::string target = pollTarget(mailbox);
+        return waitForRequests(
+            [&](const qxpemu::RecordedRequest& r) {
+                return r.method == "GET" && r.target == target;
+            },
+            count, timeout);
+    }
+
+    static std::shared_ptr<Mailbox> newMailbox(unsigned int ttl = 0) {
+        return Varkel::Zu::MakeShared::create<Mailbox>(
+            Varkel::Zu::MakeShared::create<Mailbox>()->getId(), ttl, true);
+    }
+};
+
+}  // namespace TolvaRestTest
