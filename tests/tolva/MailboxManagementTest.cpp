@@ -281,8 +281,13 @@ TEST_F(MailboxManagementTest, HasDeletedMailboxesFollowsTheTable) {
 
 TEST_F(MailboxManagementTest, ASecondMailboxDoesNotStartASecondPollingThread) {
     EXPECT_EQ(pollingThreadCount(), 0u);
-    api_->createMailbox(newMailbox(), L"a");
-    api_->createMailbox(newMailbox(), L"b");
+    const auto first = newMailbox();
+    const auto second = newMailbox();
+    api_->createMailbox(first, L"a");
+    api_->createMailbox(second, L"b");
+    // Both polled: the thread has named itself and taken both mailboxes by then.
+    ASSERT_EQ(waitForPolls(*first, 1).size(), 1u);
+    ASSERT_EQ(waitForPolls(*second, 1).size(), 1u);
     EXPECT_EQ(pollingThreadCount(), 1u);
 }
 
