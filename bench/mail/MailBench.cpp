@@ -1,0 +1,399 @@
+// Mail through QxPlatformApi mailboxes against qxp-emulator running as a process of its own
+// (so that the figures of this process are the library's alone):
+// - publish-to-listener latency through one mailbox (post, then wait until the listener has
+//   the notification), p50 and p99, beside a mosquitto broker's publish-to-subscriber latency
+//   (QoS 0, loopback) when libmosquitto and the broker are installed;
+// - mail per second through one mailbox and through 100 mailboxes;
+// - fan-out: one notification to 1,000 mailboxes, time until the last listener has it;
+// - 10,000 mailboxes polling in this process: memory per mailbox and threads used;
+// - teardown (the API object's destructor) with 1,000 polls outstanding.
+//
+//   mail_bench [--latency-samples N] [--mailboxes M]
+//
+// Raises its own descriptor limit: every polling mailbox holds a socket. Prints Markdown.
+#include <TolvaCore/Mailbox.h>
+#include <TolvaCore/MailboxListener.h>
+#include <TolvaCore/QxPlatformApi.h>
+
+#include <ZuCore/Logger.h>
+#include <ZuCore/MakeShared.h>
+#include <ZuCore/StringConversion.h>
+
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#ifdef TOLVA_BENCH_MOSQUITTO
+#include <mosquitto.h>
+#endif
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Varkel::Tolva::Rest::Mailbox;
+using Varkel::Tolva::Rest::MailboxListener;
+using Varkel::Tolva::Rest::QxPlatformApi;
+
+double microsecondsBetween(Clock::time_point from, Clock::time_point to) {
+    return std::chrono::duration<double, std::micro>(to - from).count();
+}
+
+double percentile(std::vector<double> values, double fraction) {
+    if (values.empty()) {
+        return 0;
+    }
+    std::sort(values.begin(), values.end());
+    const auto index = static_cast<std::size_t>(fraction * static_cast<double>(values.size() - 1));
+    return values[index];
+}
+
+long residentKiB() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmRSS:", 0) == 0) {
+            return std::stol(line.substr(6));
+        }
+    }
+    return 0;
+}
+
+std::size_t threadCount() {
+    std::size_t count = 0;
+    for ([[maybe_unused]] const auto& entry :
+         std::filesystem::directory_iterator("/proc/self/task")) {
+        ++count;
+    }
+    return count;
+}
+
+// Counts mail and lets the bench wait for a total.
+class CountingListener : public MailboxListener {
+  public:
+    void onMailReceived(const std::wstring&, const std::wstring&) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++count_;
+        lastAt_ = Clock::now();
+        changed_.notify_all();
+    }
+    // Waits until `total` mails have come in all; returns when the last one came.
+    Clock::time_point waitFor(std::size_t total) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (!changed_.wait_for(lock, std::chrono::seconds(60), [&] { return count_ >= total; })) {
+            throw std::runtime_error("mail did not arrive");
+        }
+        return lastAt_;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::size_t count_ = 0;
+    Clock::time_point lastAt_;
+};
+
+// qxp-emulator as a child process on a free port.
+class EmulatorProcess {
+  public:
+    EmulatorProcess() {
+        int pipeFds[2];
+        if (pipe(pipeFds) != 0) {
+            throw std::runtime_error("pipe failed");
+        }
+        pid_ = fork();
+        if (pid_ == 0) {
+            dup2(pipeFds[1], STDOUT_FILENO);
+            close(pipeFds[0]);
+            execl(QXP_EMULATOR_PATH, "qxp-emulator", "--port", "0", "--threads", "1",
+                  static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        close(pipeFds[1]);
+        FILE* out = fdopen(pipeFds[0], "r");
+        char line[4096];
+        while (std::fgets(line, sizeof line, out) != nullptr) {
+            const std::string text(line);
+            const std::string prefix = "QX_PLATFORM_CONFIG='";
+            if (text.rfind(prefix, 0) == 0) {
+                config_ = text.substr(prefix.size(), text.rfind('\'') - prefix.size());
+                break;
+            }
+        }
+        reader_ = out;
+        if (config_.empty()) {
+            throw std::runtime_error("qxp-emulator did not start");
+        }
+    }
+    ~EmulatorProcess() {
+        kill(pid_, SIGTERM);
+        waitpid(pid_, nullptr, 0);
+        std::fclose(reader_);
+    }
+    const std::string& config() const { return config_; }
+
+  private:
+    pid_t pid_ = -1;
+    FILE* reader_ = nullptr;
+    std::string config_;
+};
+
+std::shared_ptr<Mailbox> listeningMailbox(QxPlatformApi& api, const std::wstring& topic,
+                                          const std::shared_ptr<CountingListener>& listener) {
+    auto mailbox = Varkel::Zu::MakeShared::create<Mailbox>();
+    mailbox->setDurable(false);
+    mailbox->addListener(listener);
+    api.createMailbox(mailbox, topic);
+    return mailbox;
+}
+
+std::vector<double> libraryLatencies(QxPlatformApi& api, int samples) {
+    const auto listener = std::make_shared<CountingListener>();
+    const auto mailbox = listeningMailbox(api, L"bench/latency", listener);
+    // Let the first poll park.
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    std::vector<double> latencies;
+    for (int i = 0; i < samples + 20; ++i) {
+        const auto sent = Clock::now();
+        api.postNotification(L"bench/latency", L"m", 0);
+        const auto received = listener->waitFor(static_cast<std::size_t>(i) + 1);
+        if (i >= 20) {
+            latencies.push_back(microsecondsBetween(sent, received));
+        }
+    }
+    api.deleteMailbox(mailbox);
+    return latencies;
+}
+
+#ifdef TOLVA_BENCH_MOSQUITTO
+struct MosquittoState {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::size_t received = 0;
+    Clock::time_point lastAt;
+    bool subscribed = false;
+};
+
+std::vector<double> mosquittoLatencies(int samples) {
+    const char* broker = "/usr/sbin/mosquitto";
+    if (access(broker, X_OK) != 0) {
+        return {};
+    }
+    const int port = 18830 + static_cast<int>(getpid() % 1000);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const std::string portText = std::to_string(port);
+        execl(broker, "mosquitto", "-p", portText.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    std::vector<double> latencies;
+    mosquitto_lib_init();
+    MosquittoState state;
+    mosquitto* subscriber = mosquitto_new(nullptr, true, &state);
+    mosquitto* publisher = mosquitto_new(nullptr, true, nullptr);
+    mosquitto_message_callback_set(subscriber,
+                                   [](mosquitto*, void* data, const mosquitto_message*) {
+                                       auto* s = static_cast<MosquittoState*>(data);
+                                       std::lock_guard<std::mutex> lock(s->mutex);
+                                       ++s->received;
+                                       s->lastAt = Clock::now();
+                                       s->changed.notify_all();
+                                   });
+    mosquitto_subscribe_callback_set(subscriber, [](mosquitto*, void* data, int, int, const int*) {
+        auto* s = static_cast<MosquittoState*>(data);
+        std::lock_guard<std::mutex> lock(s->mutex);
+        s->subscribed = true;
+        s->changed.notify_all();
+    });
+    bool connected = false;
+    for (int attempt = 0; attempt < 50 && !connected; ++attempt) {
+        connected = mosquitto_connect(subscriber, "127.0.0.1", port, 60) == MOSQ_ERR_SUCCESS;
+        if (!connected) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+    }
+    if (connected && mosquitto_connect(publisher, "127.0.0.1", port, 60) == MOSQ_ERR_SUCCESS) {
+        mosquitto_loop_start(subscriber);
+        mosquitto_loop_start(publisher);
+        mosquitto_subscribe(subscriber, nullptr, "bench/latency", 0);
+        {
+            std::unique_lock<std::mutex> lock(state.mutex);
+            state.changed.wait_for(lock, std::chrono::seconds(5), [&] { return state.subscribed; });
+        }
+        for (int i = 0; i < samples + 20; ++i) {
+            const auto sent = Clock::now();
+            mosquitto_publish(publisher, nullptr, "bench/latency", 1, "m", 0, false);
+            std::unique_lock<std::mutex> lock(state.mutex);
+            state.changed.wait_for(lock, std::chrono::seconds(5), [&] {
+                return state.received >= static_cast<std::size_t>(i) + 1;
+            });
+            if (i >= 20) {
+                latencies.push_back(microsecondsBetween(sent, state.lastAt));
+            }
+        }
+        mosquitto_disconnect(publisher);
+        mosquitto_disconnect(subscriber);
+        mosquitto_loop_stop(publisher, true);
+        mosquitto_loop_stop(subscriber, true);
+    }
+    mosquitto_destroy(publisher);
+    mosquitto_destroy(subscriber);
+    mosquitto_lib_cleanup();
+    kill(pid, SIGTERM);
+    waitpid(pid, nullptr, 0);
+    return latencies;
+}
+#endif
+
+// Mail per second: `posts` notifications from 4 posting threads, spread over `mailboxes`
+// mailboxes (one topic each); timed until the last one has been delivered.
+double mailPerSecond(QxPlatformApi& api, int mailboxes, int posts) {
+    const auto listener = std::make_shared<CountingListener>();
+    std::vector<std::shared_ptr<Mailbox>> created;
+    for (int i = 0; i < mailboxes; ++i) {
+        created.push_back(listeningMailbox(api, L"bench/rate/" + std::to_wstring(i), listener));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const auto started = Clock::now();
+    std::vector<std::thread> posters;
+    std::atomic<int> next{0};
+    for (int t = 0; t < 4; ++t) {
+        posters.emplace_back([&] {
+            for (int i = next++; i < posts; i = next++) {
+                api.postNotification(L"bench/rate/" + std::to_wstring(i % mailboxes), L"m", 0);
+            }
+        });
+    }
+    for (auto& poster : posters) {
+        poster.join();
+    }
+    const auto last = listener->waitFor(static_cast<std::size_t>(posts));
+    for (const auto& mailbox : created) {
+        api.deleteMailbox(mailbox);
+    }
+    return posts / std::chrono::duration<double>(last - started).count();
+}
+
+// One notification to `mailboxes` subscribed mailboxes: ms until the last listener has it.
+std::vector<double> fanOut(QxPlatformApi& api, int mailboxes, int rounds) {
+    std::vector<std::shared_ptr<CountingListener>> listeners;
+    std::vector<std::shared_ptr<Mailbox>> created;
+    for (int i = 0; i < mailboxes; ++i) {
+        listeners.push_back(std::make_shared<CountingListener>());
+        created.push_back(listeningMailbox(api, L"bench/fan", listeners.back()));
+    }
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    std::vector<double> times;
+    for (int round = 1; round <= rounds; ++round) {
+        const auto sent = Clock::now();
+        api.postNotification(L"bench/fan", L"m", 0);
+        Clock::time_point last = sent;
+        for (const auto& listener : listeners) {
+            last = std::max(last, listener->waitFor(static_cast<std::size_t>(round)));
+        }
+        times.push_back(microsecondsBetween(sent, last) / 1000.0);
+    }
+    for (const auto& mailbox : created) {
+        api.deleteMailbox(mailbox);
+    }
+    return times;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    int latencySamples = 500;
+    int manyMailboxes = 10000;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        const std::string option = argv[i];
+        if (option == "--latency-samples") {
+            latencySamples = std::max(10, std::atoi(argv[i + 1]));
+        } else if (option == "--mailboxes") {
+            manyMailboxes = std::max(100, std::atoi(argv[i + 1]));
+        } else {
+            std::cerr << "usage: mail_bench [--latency-samples N] [--mailboxes M]\n";
+            return 2;
+        }
+    }
+    // Every polling mailbox holds a socket.
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    std::filesystem::create_directories("C:/logs");
+    Varkel::Zu::Logger::setStderrEnabled(false);
+
+    EmulatorProcess emulator;
+    auto api = QxPlatformApi::createFromQXPlatformConfig(Varkel::Zu::widen(emulator.config()));
+
+    std::printf("| measure | value |\n|---|---:|\n");
+    const auto library = libraryLatencies(*api, latencySamples);
+    std::printf("| publish-to-listener latency, one mailbox: p50 / p99 | %.0f / %.0f us |\n",
+                percentile(library, 0.5), percentile(library, 0.99));
+#ifdef TOLVA_BENCH_MOSQUITTO
+    const auto broker = mosquittoLatencies(latencySamples);
+    if (!broker.empty()) {
+        std::printf(
+            "| mosquitto publish-to-subscriber latency (QoS 0): p50 / p99 | %.0f / %.0f us |\n",
+            percentile(broker, 0.5), percentile(broker, 0.99));
+    }
+#endif
+    std::fflush(stdout);
+    std::printf("| mail per second, one mailbox (4 posting threads) | %.0f |\n",
+                mailPerSecond(*api, 1, 4000));
+    std::printf("| mail per second, 100 mailboxes (4 posting threads) | %.0f |\n",
+                mailPerSecond(*api, 100, 4000));
+    std::fflush(stdout);
+    const auto fan = fanOut(*api, 1000, 5);
+    std::printf(
+        "| one notification to 1,000 mailboxes, last listener: median / worst of 5 | %.0f / %.0f "
+        "ms |\n",
+        percentile(fan, 0.5), percentile(fan, 1.0));
+    std::fflush(stdout);
+
+    // Many mailboxes polling at once, then teardown with their polls outstanding.
+    const long rssBefore = residentKiB();
+    const std::size_t threadsBefore = threadCount();
+    const auto listener = std::make_shared<CountingListener>();
+    std::vector<std::shared_ptr<Mailbox>> many;
+    for (int i = 0; i < manyMailboxes; ++i) {
+        many.push_back(listeningMailbox(*api, L"bench/many/" + std::to_wstring(i), listener));
+    }
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+    const long rssAfter = residentKiB();
+    std::printf("| %d mailboxes polling: memory per mailbox (RSS growth) | %.1f KB |\n",
+                manyMailboxes, static_cast<double>(rssAfter - rssBefore) * 1.024 / manyMailboxes);
+    std::printf("| threads of this process: before / with %d mailboxes polling | %zu / %zu |\n",
+                manyMailboxes, threadsBefore, threadCount());
+    std::fflush(stdout);
+    // The platform keeps these mailboxes; this measures only the local teardown.
+    many.resize(1000);
+    auto teardownApi =
+        QxPlatformApi::createFromQXPlatformConfig(Varkel::Zu::widen(emulator.config()));
+    api.reset();
+    many.clear();
+    for (int i = 0; i < 1000; ++i) {
+        many.push_back(listeningMailbox(*teardownApi, L"bench/teardown", listener));
+    }
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    const auto teardownStarted = Clock::now();
+    teardownApi.reset();
+    std::printf("| teardown with 1,000 polls outstanding | %.0f ms |\n",
+                microsecondsBetween(teardownStarted, Clock::now()) / 1000.0);
+    return 0;
+}
