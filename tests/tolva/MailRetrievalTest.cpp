@@ -25,6 +25,17 @@ class MailRetrievalTest : public MailTest {
         return statusRule("GET", pollPath(mailbox), 200, body, "application/json");
     }
 
+    // Waits until every mailbox the object created is out of its table (a dropped mailbox
+    // leaves it once its poll's answer has been handled).
+    bool waitUntilDropped(QxPlatformApi& api) const {
+        const auto deadline = Clock::now() + std::chrono::seconds(20);
+        while (!api.hasDeletedMailboxes() && Clock::now() < deadline) {
+            emulator_.waitForRequests(emulator_.requests().size() + 1,
+                                      std::chrono::milliseconds(50));
+        }
+        return api.hasDeletedMailboxes();
+    }
+
     // A mailbox with a recording listener, created on `topic`.
     std::pair<std::shared_ptr<Mailbox>, std::shared_ptr<RecordingListener>> listening(
         QxPlatformApi& api, const std::wstring& topic) {
@@ -60,6 +71,7 @@ TEST_F(MailRetrievalTest, APollIsAGetWithTwoHeadersAndUsesTheTokenAsItStands) {
         },
         1);
     ASSERT_EQ(polls.size(), 1u);
+    ASSERT_TRUE(waitUntilDropped(*api));
     api.reset();
     EXPECT_EQ(tokenRequestCount(), tokensBefore);
     EXPECT_TRUE(
@@ -197,7 +209,8 @@ TEST_F(MailRetrievalTest, A404PollDropsARegisteredMailbox) {
     emulator_.addFault(statusRule("GET", pollPath(*mailbox), 404, "unknown"));
     api->createMailbox(mailbox, L"t");
     ASSERT_EQ(waitForPolls(*mailbox, 1).size(), 1u);
-    api.reset();  // waits for the poll's handling
+    ASSERT_TRUE(waitUntilDropped(*api));
+    api.reset();
     EXPECT_TRUE(
         log.hasLine("ERROR: Received status code 404 when attempting to get mail for "
                     "mailbox : " +
@@ -211,11 +224,7 @@ TEST_F(MailRetrievalTest, A404ForADroppedMailboxTurnsHasDeletedMailboxesTrue) {
     auto mailbox = newMailbox();
     emulator_.addFault(statusRule("GET", pollPath(*mailbox), 404, "unknown"));
     api->createMailbox(mailbox, L"t");
-    const auto deadline = Clock::now() + std::chrono::seconds(20);
-    while (!api->hasDeletedMailboxes() && Clock::now() < deadline) {
-        emulator_.waitForRequests(emulator_.requests().size() + 1, std::chrono::milliseconds(50));
-    }
-    EXPECT_TRUE(api->hasDeletedMailboxes());
+    EXPECT_TRUE(waitUntilDropped(*api));
 }
 
 TEST_F(MailRetrievalTest, APollOfAnAlreadyDeletedMailboxWritesNothing) {
