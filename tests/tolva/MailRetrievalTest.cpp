@@ -61,9 +61,9 @@ TEST_F(MailRetrievalTest, APollIsAGetWithTwoHeadersAndUsesTheTokenAsItStands) {
     EXPECT_TRUE(first[0].body.empty());
 
     // No renewal before a poll: with the token cleared, the next poll goes out with an empty
-    // bearer, the platform answers 401, and the mailbox is dropped.
+    // bearer (a renewal would have put a token in it), the platform answers 401, and the
+    // mailbox is dropped.
     api->clearToken();
-    const std::size_t tokensBefore = tokenRequestCount();
     const std::string id = mailboxIdText(*mailbox);
     const auto polls = waitForRequests(
         [&](const qxpemu::RecordedRequest& r) {
@@ -73,7 +73,6 @@ TEST_F(MailRetrievalTest, APollIsAGetWithTwoHeadersAndUsesTheTokenAsItStands) {
     ASSERT_EQ(polls.size(), 1u);
     ASSERT_TRUE(waitUntilDropped(*api));
     api.reset();
-    EXPECT_EQ(tokenRequestCount(), tokensBefore);
     EXPECT_TRUE(
         log.hasLine("ERROR: Received status code 401 when attempting to get mail for "
                     "mailbox : " +
