@@ -8,7 +8,10 @@
 // - 10,000 mailboxes polling in this process: memory per mailbox and threads used;
 // - teardown (the API object's destructor) with 1,000 polls outstanding.
 //
-//   mail_bench [--latency-samples N] [--mailboxes M]
+//   mail_bench [--latency-samples N] [--mailboxes M] [--pool-threads T]
+//
+// --pool-threads sizes the HTTP library's shared thread pool (default: its own 40) before
+// anything uses it.
 //
 // Raises its own descriptor limit: every polling mailbox holds a socket. Prints Markdown.
 #include <TolvaCore/Mailbox.h>
@@ -18,6 +21,8 @@
 #include <ZuCore/Logger.h>
 #include <ZuCore/MakeShared.h>
 #include <ZuCore/StringConversion.h>
+
+#include <pplx/threadpool.h>
 
 #include <signal.h>
 #include <sys/resource.h>
@@ -319,16 +324,23 @@ std::vector<double> fanOut(QxPlatformApi& api, int mailboxes, int rounds) {
 int main(int argc, char** argv) {
     int latencySamples = 500;
     int manyMailboxes = 10000;
+    int poolThreads = 0;
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string option = argv[i];
         if (option == "--latency-samples") {
             latencySamples = std::max(10, std::atoi(argv[i + 1]));
         } else if (option == "--mailboxes") {
             manyMailboxes = std::max(100, std::atoi(argv[i + 1]));
+        } else if (option == "--pool-threads") {
+            poolThreads = std::max(1, std::atoi(argv[i + 1]));
         } else {
-            std::cerr << "usage: mail_bench [--latency-samples N] [--mailboxes M]\n";
+            std::cerr << "usage: mail_bench [--latency-samples N] [--mailboxes M] "
+                         "[--pool-threads T]\n";
             return 2;
         }
+    }
+    if (poolThreads > 0) {
+        crossplat::threadpool::initialize_with_threads(static_cast<std::size_t>(poolThreads));
     }
     // Every polling mailbox holds a socket.
     rlimit limit{};
