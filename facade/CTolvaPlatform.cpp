@@ -1,6 +1,7 @@
 #include <TolvaCore/CTolvaPlatform.h>
 
 #include <TolvaCore/QxPlatformApi.h>
+#include <TolvaCore/WebUtils.h>
 
 #include <ZuCore/Env.h>
 #include <ZuCore/MakeShared.h>
@@ -302,6 +303,7 @@ void CTolvaPlatform::createNewPlatformClient() {
     // No scheme check here: any text goes to the URI parser. The HTTP library itself only
     // accepts http and https URLs with a host, so an ftp URL (or one without a host) ends in
     // the printed message rather than in a client.
+    Varkel::Tolva::WebUtils::settleHttpThreadPool();
     try {
         http_client_config shortConfig;
         shortConfig.set_timeout(kShortClientTimeout);
@@ -318,6 +320,7 @@ void CTolvaPlatform::createNewPlatformClient() {
 void CTolvaPlatform::createNewDirectClient() {
     m_prevDirectClient = std::move(m_directClient);
     m_directClient.reset();
+    Varkel::Tolva::WebUtils::settleHttpThreadPool();
     try {
         http_client_config config;
         config.set_timeout(kShortClientTimeout);

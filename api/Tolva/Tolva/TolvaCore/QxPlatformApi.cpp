@@ -69,10 +69,9 @@ QxPlatformApi::~QxPlatformApi() {
         mailboxQueue_->shutdown();
     }
     heartbeatWakeUp_.interruptAll();
-    try {
-        heartbeatTask_.wait();
-    } catch (...) {
-        // The heartbeat loop handles its own failures; nothing is left to report.
+    if (heartbeatThread_) {
+        // The loop handles its own failures; joining waits for a pass under way to end.
+        heartbeatThread_->join();
     }
     if (queryLauncherThread_) {
         queryLauncherThread_->join();
@@ -130,13 +129,17 @@ std::shared_ptr<QxPlatformApi> QxPlatformApi::createFromQXPlatformConfig(
 }
 
 void QxPlatformApi::createClient() {
-    std::wstring url;
-    {
+    // The new client is made before the old one goes, so that a call on another thread in
+    // between still has a client to send with. If it cannot be made, no client is kept: the
+    // URL and the client never disagree.
+    std::shared_ptr<web::http::client::http_client> client;
+    try {
+        client = WebUtils::createHttpClient(getPlatformUrl(), nullptr);
+    } catch (...) {
         std::lock_guard<std::mutex> lock(stateMutex_);
         httpClient_.reset();
-        url = platformUrl_;
+        throw;
     }
-    auto client = WebUtils::createHttpClient(url, nullptr);
     std::lock_guard<std::mutex> lock(stateMutex_);
     httpClient_ = std::move(client);
 }

@@ -238,8 +238,8 @@ class TOLVA_EXPORT QxPlatformApi {
     // fewer than 300 seconds after now (already expired included).
     static bool isTokenDue(const Token& token, Token::TimePoint now);
 
-    // Starts the heartbeat task on the HTTP library's task pool and returns at once. Called
-    // once by the constructor.
+    // Starts the heartbeat task on a thread of its own, "QXP heartbeat thread", and returns at
+    // once. Called once by the constructor.
     void launchHeartbeatTask();
 
     // The body of the "Mailbox polling thread": takes mailboxes from the mailbox queue and
@@ -324,7 +324,10 @@ class TOLVA_EXPORT QxPlatformApi {
     // without changing who waits for whom.
     mutable std::mutex serviceTableMutex_;
     std::atomic<bool> running_{false};
-    pplx::task<void> heartbeatTask_;
+    // The heartbeat loop lives for the object's whole life and waits five seconds at a time,
+    // so it runs on a thread of its own: as a task of the HTTP library's pool it would hold
+    // one of that pool's few threads for good, and a small pool would starve.
+    std::shared_ptr<Varkel::Zu::Thread> heartbeatThread_;
     Varkel::Zu::ConditionVariable heartbeatWakeUp_;
     std::shared_ptr<web::http::client::http_client> httpClient_;
     std::map<std::wstring, MailboxEntry> mailboxTable_;

@@ -131,9 +131,10 @@ void QxPlatformApi::unregisterAllServices() {
 }
 
 void QxPlatformApi::launchHeartbeatTask() {
-    // The destructor waits for this task before any member goes, so the raw this stays valid
-    // for the task's whole life; the wait also observes the task's outcome.
-    heartbeatTask_ = pplx::create_task([this] { heartbeatLoop(); });
+    // The destructor joins this thread before any member goes, so the raw this stays valid
+    // for the thread's whole life.
+    heartbeatThread_ =
+        Varkel::Zu::Thread::create(L"QXP heartbeat thread", [this] { heartbeatLoop(); });
 }
 
 void QxPlatformApi::heartbeatLoop() {

@@ -2,9 +2,15 @@
 #include <TolvaCore/WebUtils.h>
 
 #include <ZuCore/Env.h>
+#include <ZuCore/InvalidArgumentException.h>
 #include <ZuCore/LogMacros.h>
 #include <ZuCore/Logger.h>
 #include <ZuCore/StringConversion.h>
+#include <ZuCore/ThrowException.h>
+
+#include <mutex>
+
+#include <pplx/threadpool.h>
 
 namespace Varkel {
 namespace Tolva {
@@ -18,11 +24,88 @@ const std::shared_ptr<Varkel::Zu::Logger>& webUtilLogger() {
     return logger;
 }
 
+// The pool is settled once per process; requestedThreads is the host's choice until then.
+std::mutex poolMutex;
+bool poolSettled = false;
+std::size_t requestedThreads = 0;
+
+constexpr std::size_t kMostHttpThreads = 256;
+
+// The size from "TOLVA_HTTP_THREADS", 0 when unset; a bad value is logged and ignored.
+std::size_t threadsFromEnvironment() {
+    const std::wstring text = Varkel::Zu::Env::getVar(std::wstring(L"TOLVA_HTTP_THREADS"), L"");
+    if (text.empty()) {
+        return 0;
+    }
+    std::size_t value = 0;
+    bool valid = text.size() <= 3;
+    for (const wchar_t c : text) {
+        valid = valid && c >= L'0' && c <= L'9';
+        value = value * 10 + static_cast<std::size_t>(c - L'0');
+    }
+    if (!valid || value == 0 || value > kMostHttpThreads) {
+        ZU_LOG_WARN(webUtilLogger(),
+                    L"TOLVA_HTTP_THREADS is not a number from 1 to 256; the "
+                    L"HTTP thread pool gets its default size.");
+        return 0;
+    }
+    return value;
+}
+
 }  // namespace
+
+bool setHttpThreadPoolSize(std::size_t threads) {
+    if (threads == 0 || threads > kMostHttpThreads) {
+        ZU_THROW(Varkel::Zu::InvalidArgumentException,
+                 L"The HTTP thread pool needs from 1 to 256 threads.");
+    }
+    std::lock_guard<std::mutex> lock(poolMutex);
+    if (poolSettled) {
+        ZU_LOG_WARN(webUtilLogger(), L"The HTTP thread pool is already running; " +
+                                         std::to_wstring(threads) +
+                                         L" threads cannot be applied any more.");
+        return false;
+    }
+    requestedThreads = threads;
+    return true;
+}
+
+void settleHttpThreadPool() noexcept {
+    try {
+        std::lock_guard<std::mutex> lock(poolMutex);
+        if (poolSettled) {
+            return;
+        }
+        poolSettled = true;
+        std::size_t threads = requestedThreads;
+        if (threads == 0) {
+            threads = threadsFromEnvironment();
+        }
+        if (threads == 0) {
+            threads = kDefaultHttpThreads;
+        }
+        try {
+            crossplat::threadpool::initialize_with_threads(threads);
+            ZU_LOG_DEBUG(webUtilLogger(),
+                         L"HTTP thread pool: " + std::to_wstring(threads) + L" threads.");
+        } catch (const std::exception&) {
+            // The host, or an earlier user of the HTTP library, made the pool first.
+            ZU_LOG_WARN(webUtilLogger(),
+                        L"The HTTP thread pool was already running; its size "
+                        L"is kept and " +
+                            std::to_wstring(threads) + L" threads are not applied.");
+        }
+    } catch (...) {
+        // Logging or locking failed: the pool keeps whatever size it gets.
+    }
+}
 
 std::shared_ptr<web::http::client::http_client> createHttpClient(
     const std::wstring& url, const std::shared_ptr<Rest::QxPlatformApi>& api) {
     using Varkel::Zu::narrow;
+
+    // Making a client already starts the pool: its size must be settled before.
+    settleHttpThreadPool();
 
     web::http::client::http_client_config config;
 
