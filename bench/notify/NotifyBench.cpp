@@ -4,10 +4,17 @@
 // from many connections at once). Everything runs in this process against the in-process
 // emulator on loopback.
 //
-//   notify_bench [--requests N] [--emulator-threads T]
+//   notify_bench [--requests N] [--emulator-threads T] [--pool-threads P]
+//
+// --pool-threads sizes the HTTP library's shared pool through
+// WebUtils::setHttpThreadPoolSize (default: the library's default). CPU time per request is the
+// whole process's (client and in-process emulator) divided by the requests sent.
 //
 // Prints a Markdown table. Requests per configuration are split evenly over the threads.
 #include <TolvaCore/QxPlatformApi.h>
+#include <TolvaCore/WebUtils.h>
+
+#include <sys/resource.h>
 
 #include <ZuCore/MakeShared.h>
 #include <ZuCore/StringConversion.h>
@@ -46,7 +53,15 @@ struct Result {
     double medianUs = 0;
     double p99Us = 0;
     double perSecond = 0;
+    double cpuUsPerRequest = 0;
 };
+
+double processCpuUs() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1e6 +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
+}
 
 // Runs `requests` calls of `send` spread over `threads` threads (each with its own sender made
 // by `makeSender`) and measures every call.
@@ -85,11 +100,13 @@ Result measure(const std::string& client, unsigned threads, std::size_t requests
         std::this_thread::yield();
     }
     const auto start = Clock::now();
+    const double cpuStart = processCpuUs();
     go = true;
     for (auto& worker : workers) {
         worker.join();
     }
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    const double cpuUs = processCpuUs() - cpuStart;
 
     std::vector<double> all;
     for (const auto& mine : latencies) {
@@ -103,6 +120,7 @@ Result measure(const std::string& client, unsigned threads, std::size_t requests
     result.medianUs = all[all.size() / 2];
     result.p99Us = all[std::min(all.size() - 1, all.size() * 99 / 100)];
     result.perSecond = static_cast<double>(all.size()) / seconds;
+    result.cpuUsPerRequest = cpuUs / static_cast<double>(all.size());
     return result;
 }
 
@@ -168,8 +186,8 @@ class CurlSender {
 };
 
 void print(const Result& r) {
-    std::printf("| %-28s | %7u | %8zu | %10.1f | %10.1f | %12.0f |\n", r.client.c_str(), r.threads,
-                r.requests, r.medianUs, r.p99Us, r.perSecond);
+    std::printf("| %-28s | %7u | %8zu | %10.1f | %10.1f | %12.0f | %12.1f |\n", r.client.c_str(),
+                r.threads, r.requests, r.medianUs, r.p99Us, r.perSecond, r.cpuUsPerRequest);
 }
 
 }  // namespace
@@ -183,6 +201,8 @@ int main(int argc, char** argv) {
             requests = std::stoul(argv[i + 1]);
         } else if (option == "--emulator-threads") {
             emulatorThreads = static_cast<unsigned>(std::stoul(argv[i + 1]));
+        } else if (option == "--pool-threads") {
+            Varkel::Tolva::WebUtils::setHttpThreadPoolSize(std::stoul(argv[i + 1]));
         }
     }
 
@@ -233,11 +253,12 @@ int main(int argc, char** argv) {
         }));
     }
 
-    std::printf("| %-28s | %7s | %8s | %10s | %10s | %12s |\n", "client", "threads", "requests",
-                "median us", "p99 us", "requests/s");
-    std::printf("|%s|%s|%s|%s|%s|%s|\n", std::string(30, '-').c_str(), std::string(9, '-').c_str(),
-                std::string(10, '-').c_str(), std::string(12, '-').c_str(),
-                std::string(12, '-').c_str(), std::string(14, '-').c_str());
+    std::printf("| %-28s | %7s | %8s | %10s | %10s | %12s | %12s |\n", "client", "threads",
+                "requests", "median us", "p99 us", "requests/s", "CPU us/req");
+    std::printf("|%s|%s|%s|%s|%s|%s|%s|\n", std::string(30, '-').c_str(),
+                std::string(9, '-').c_str(), std::string(10, '-').c_str(),
+                std::string(12, '-').c_str(), std::string(12, '-').c_str(),
+                std::string(14, '-').c_str(), std::string(14, '-').c_str());
     for (const auto& result : results) {
         print(result);
     }
