@@ -56,13 +56,23 @@ TEST(Base64Test, DecodesJwtSegments) {
     EXPECT_EQ(decoded("eyJhbGciOiJSUzI1NiIsImtpZCI6ImsxIn0"), R"({"alg":"RS256","kid":"k1"})");
 }
 
-TEST(Base64Test, BothDecodersAcceptBothAlphabets) {
+TEST(Base64Test, DecodeAcceptsBothAlphabets) {
     const std::string bytes("\xfb\xff\xbf\xfe", 4);
     EXPECT_EQ(Base64::encode(bytes), "+/+//g==");
     EXPECT_EQ(Base64::encode_url(bytes), "-_-__g");
     for (const std::string text : {"+/+//g==", "-_-__g", "-_-__g==", "+/+//g", "+_-//g"}) {
         EXPECT_EQ(decoded(text), bytes) << text;
-        EXPECT_EQ(decodedUrl(text), bytes) << text;
+    }
+}
+
+TEST(Base64Test, DecodeUrlAcceptsOnlyTheUrlSafeAlphabet) {
+    ZuTest::LoggingConfigGuard guard;
+    const std::string bytes("\xfb\xff\xbf\xfe", 4);
+    EXPECT_EQ(decodedUrl("-_-__g"), bytes);
+    EXPECT_EQ(decodedUrl("-_-__g=="), bytes);
+    for (const std::string text :
+         {"+/+//g==", "+/+//g", "+_-//g", "-_-__g\n", " -_-__g", "Zm9v Ym"}) {
+        EXPECT_THROW(Base64::decode_url(text), InvalidArgumentException) << text;
     }
 }
 

@@ -18,16 +18,22 @@ const char kUrlAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxy
 constexpr signed char kInvalid = -1;
 constexpr signed char kSkip = -2;
 
-// One table for both alphabets: "+" and "-" are 62, "/" and "_" are 63.
-std::array<signed char, 256> makeDecodeTable() {
+// The lenient table takes both alphabets ("+" and "-" are 62, "/" and "_" are 63) and skips
+// white space; the URL-safe table takes only "-" and "_" and refuses white space, as a JWT
+// verifier must.
+std::array<signed char, 256> makeDecodeTable(bool urlSafeOnly) {
     std::array<signed char, 256> table{};
     table.fill(kInvalid);
     for (int i = 0; i < 64; ++i) {
-        table[static_cast<unsigned char>(kStandardAlphabet[i])] = static_cast<signed char>(i);
         table[static_cast<unsigned char>(kUrlAlphabet[i])] = static_cast<signed char>(i);
+        if (!urlSafeOnly) {
+            table[static_cast<unsigned char>(kStandardAlphabet[i])] = static_cast<signed char>(i);
+        }
     }
-    for (unsigned char space : {' ', '\t', '\r', '\n', '\f', '\v'}) {
-        table[space] = kSkip;
+    if (!urlSafeOnly) {
+        for (unsigned char space : {' ', '\t', '\r', '\n', '\f', '\v'}) {
+            table[space] = kSkip;
+        }
     }
     return table;
 }
@@ -63,8 +69,8 @@ std::string encodeWith(const char* alphabet, bool pad, const unsigned char* data
     return out;
 }
 
-std::shared_ptr<MemoryBuffer> decodeAny(const std::string& text) {
-    static const std::array<signed char, 256> table = makeDecodeTable();
+std::shared_ptr<MemoryBuffer> decodeWith(const std::array<signed char, 256>& table,
+                                         const std::string& text) {
     std::vector<unsigned char> bytes;
     bytes.reserve(text.size() / 4 * 3 + 3);
     unsigned group = 0;
@@ -115,11 +121,13 @@ std::shared_ptr<MemoryBuffer> decodeAny(const std::string& text) {
 }  // namespace
 
 std::shared_ptr<MemoryBuffer> Base64::decode(const std::string& text) {
-    return decodeAny(text);
+    static const std::array<signed char, 256> lenientTable = makeDecodeTable(false);
+    return decodeWith(lenientTable, text);
 }
 
 std::shared_ptr<MemoryBuffer> Base64::decode_url(const std::string& text) {
-    return decodeAny(text);
+    static const std::array<signed char, 256> urlSafeTable = makeDecodeTable(true);
+    return decodeWith(urlSafeTable, text);
 }
 
 std::string Base64::encode(const unsigned char* data, std::size_t size) {

@@ -21,7 +21,10 @@ class ZU_EXPORT Base64 {
     // Any thread.
     static std::shared_ptr<MemoryBuffer> decode(const std::string& text);
 
-    // Same as decode; named for the URL-safe alphabet of JWT segments.
+    // Decodes the URL-safe alphabet of JWT segments ("-_"), with or without "=" padding.
+    // Stricter than decode: "+", "/" and white space are malformed here, since a verifier
+    // must not accept a segment in another form than the one that was signed. Throws
+    // InvalidArgumentException (through ZU_THROW) for malformed text. Any thread.
     static std::shared_ptr<MemoryBuffer> decode_url(const std::string& text);
 
     // Standard alphabet with "=" padding.
