@@ -24,73 +24,73 @@ MailboxListener::~MailboxListener() = default;
 
 Mailbox::Mailbox(Varkel::Zu::PrivateConstructorType, const boost::uuids::uuid& mailboxId,
                  unsigned int mailboxTtl, bool isDurable)
-    : id(mailboxId), ttl(mailboxTtl), durable(isDurable) {}
+    : id_(mailboxId), ttl_(mailboxTtl), durable_(isDurable) {}
 
 Mailbox::Mailbox(Varkel::Zu::PrivateConstructorType)
-    : id(boost::uuids::random_generator()()), ttl(0), durable(true) {}
+    : id_(boost::uuids::random_generator()()), ttl_(0), durable_(true) {}
 
 Mailbox::~Mailbox() = default;
 
 boost::uuids::uuid Mailbox::getId() const {
-    return id;
+    return id_;
 }
 
 void Mailbox::setId(const boost::uuids::uuid& newId) {
-    id = newId;
+    id_ = newId;
 }
 
 unsigned int Mailbox::getTtl() const {
-    return ttl;
+    return ttl_;
 }
 
 void Mailbox::setTtl(unsigned int newTtl) {
-    ttl = newTtl;
+    ttl_ = newTtl;
 }
 
 bool Mailbox::getDurable() const {
-    return durable;
+    return durable_;
 }
 
 void Mailbox::setDurable(bool newDurable) {
-    durable = newDurable;
+    durable_ = newDurable;
 }
 
 std::wstring Mailbox::getSecret() const {
     std::lock_guard<std::mutex> lock(secretMutex_);
-    return secret;
+    return secret_;
 }
 
 void Mailbox::setSecret(const std::wstring& newSecret) {
     std::lock_guard<std::mutex> lock(secretMutex_);
-    if (&newSecret != &secret) {
-        secret = newSecret;
+    if (&newSecret != &secret_) {
+        secret_ = newSecret;
     }
 }
 
 void Mailbox::addListener(const std::shared_ptr<MailboxListener>& listener) {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard<std::mutex> lock(mutex_);
     const auto same = [&](const std::shared_ptr<MailboxListener>& entry) {
         return entry.get() == listener.get();
     };
-    if (std::none_of(listeners.begin(), listeners.end(), same)) {
-        listeners.push_back(listener);
+    if (std::none_of(listeners_.begin(), listeners_.end(), same)) {
+        listeners_.push_back(listener);
     }
 }
 
 void Mailbox::removeListener(const std::shared_ptr<MailboxListener>& listener) {
-    std::lock_guard<std::mutex> lock(mutex);
-    const auto found = std::find_if(listeners.begin(), listeners.end(), [&](const auto& entry) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = std::find_if(listeners_.begin(), listeners_.end(), [&](const auto& entry) {
         return entry.get() == listener.get();
     });
-    if (found != listeners.end()) {
-        listeners.erase(found);
+    if (found != listeners_.end()) {
+        listeners_.erase(found);
     }
 }
 
 void Mailbox::receiveMail(const std::wstring& topic, const std::wstring& content) {
     // Held for the whole delivery: listeners of one mailbox never run at the same time.
-    std::lock_guard<std::mutex> lock(mutex);
-    for (const auto& listener : listeners) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& listener : listeners_) {
         try {
             listener->onMailReceived(topic, content);
         } catch (...) {

@@ -71,15 +71,16 @@ class TOLVA_EXPORT Mailbox {
   private:
     static std::shared_ptr<Varkel::Zu::Logger> _logger;
 
-    boost::uuids::uuid id;
-    unsigned int ttl;
-    bool durable;
+    boost::uuids::uuid id_;
+    unsigned int ttl_;
+    bool durable_;
     // The secret is written by QxPlatformApi on an HTTP continuation thread when the platform
     // answers; its own small lock keeps a concurrent reader well defined.
     mutable std::mutex secretMutex_;
-    std::wstring secret;
-    std::mutex mutex;
-    std::vector<std::shared_ptr<MailboxListener>> listeners;
+    std::wstring secret_;
+    // Guards the listener list; held while the listeners run.
+    std::mutex mutex_;
+    std::vector<std::shared_ptr<MailboxListener>> listeners_;
 };
 
 }  // namespace Rest

@@ -26,19 +26,19 @@ QxPlatformNotifier::QxPlatformNotifMessage::QxPlatformNotifMessage(
     std::shared_ptr<Rest::QxPlatformApi> notifierApi, std::wstring notificationTopic,
     std::wstring notificationContent, unsigned int notificationValue)
     : Message(L"QxPlatformNotifMessage"),
-      api(std::move(notifierApi)),
-      topic(std::move(notificationTopic)),
-      content(std::move(notificationContent)),
-      value(notificationValue) {}
+      api_(std::move(notifierApi)),
+      topic_(std::move(notificationTopic)),
+      content_(std::move(notificationContent)),
+      value_(notificationValue) {}
 
 QxPlatformNotifier::QxPlatformNotifMessage::~QxPlatformNotifMessage() = default;
 
 void QxPlatformNotifier::QxPlatformNotifMessage::process() {
-    if (!api || topic.empty() || content.empty()) {
+    if (!api_ || topic_.empty() || content_.empty()) {
         return;
     }
     try {
-        api->postNotification(topic, content, value);
+        api_->postNotification(topic_, content_, value_);
     } catch (...) {
         // The API object has logged what it had to say; a notification is never retried.
     }
@@ -47,25 +47,25 @@ void QxPlatformNotifier::QxPlatformNotifMessage::process() {
 QxPlatformNotifier::QxPlatformNotifier(Varkel::Zu::PrivateConstructorType, const std::wstring& name,
                                        const std::shared_ptr<Rest::QxPlatformApi>& notifierApi,
                                        Varkel::Zu::ThreadEnum::Priority priority)
-    : Named(name), api(notifierApi) {
-    if (!api) {
+    : Named(name), api_(notifierApi) {
+    if (!api_) {
         ZU_THROW(Varkel::Zu::InvalidArgumentException, L"Invalid QX Platform API.");
     }
-    thread = Varkel::Zu::MakeShared::create<Varkel::Zu::MessageThread>(
+    thread_ = Varkel::Zu::MakeShared::create<Varkel::Zu::MessageThread>(
         getName() + L" QXP notif thread", priority, ZU_MAXUINT32);
-    thread->start();
+    thread_->start();
 }
 
 QxPlatformNotifier::~QxPlatformNotifier() {
-    if (thread) {
-        thread->stop(true);
+    if (thread_) {
+        thread_->stop(true);
     }
 }
 
 void QxPlatformNotifier::postNotification(const std::wstring& topic, const std::wstring& content,
                                           unsigned int value) {
     try {
-        thread->postMessage(std::make_shared<QxPlatformNotifMessage>(api, topic, content, value));
+        thread_->postMessage(std::make_shared<QxPlatformNotifMessage>(api_, topic, content, value));
     } catch (const Varkel::Zu::Exception& e) {
         ZU_LOG_CAPPED(_logger, Varkel::Zu::Logger::getErrorLevel(), kRefusedPostCapMs, [&] {
             std::wostringstream text;

@@ -40,10 +40,10 @@ class TOLVA_EXPORT QxPlatformNotifier : public Varkel::Zu::Named {
         void process() override;
 
       private:
-        std::shared_ptr<Rest::QxPlatformApi> api;
-        std::wstring topic;
-        std::wstring content;
-        unsigned int value;
+        std::shared_ptr<Rest::QxPlatformApi> api_;
+        std::wstring topic_;
+        std::wstring content_;
+        unsigned int value_;
     };
 
     // Starts the worker "<name> QXP notif thread" with the given priority and an unbounded
@@ -72,13 +72,13 @@ class TOLVA_EXPORT QxPlatformNotifier : public Varkel::Zu::Named {
 
   protected:
     // For subclasses (and tests) that need the worker itself.
-    const std::shared_ptr<Varkel::Zu::MessageThread>& getWorker() const { return thread; }
+    const std::shared_ptr<Varkel::Zu::MessageThread>& getWorker() const { return thread_; }
 
   private:
     static std::shared_ptr<Varkel::Zu::Logger> _logger;
 
-    std::shared_ptr<Rest::QxPlatformApi> api;
-    std::shared_ptr<Varkel::Zu::MessageThread> thread;
+    std::shared_ptr<Rest::QxPlatformApi> api_;
+    std::shared_ptr<Varkel::Zu::MessageThread> thread_;
 };
 
 }  // namespace Tolva
