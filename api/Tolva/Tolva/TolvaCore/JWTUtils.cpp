@@ -27,12 +27,56 @@ namespace {
 // Exceptions that end a verification are logged at most once per this many milliseconds.
 constexpr unsigned int kFailureCapMs = 1000;
 
-// The JSON document a URL-safe Base64 segment holds. The bytes are widened and parsed as text
-// (invalid UTF-8 becomes U+FFFD, as everywhere the library widens).
+bool isAscii(const std::string& text) {
+    for (const char c : text) {
+        if (static_cast<unsigned char>(c) >= 0x80) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Text as it reads after widening and narrowing again: the same for ASCII, which skips the two
+// conversions on the hot path; other bytes go through them (invalid UTF-8 becomes U+FFFD, as
+// everywhere the library widens).
+std::string throughWideText(std::string text) {
+    return isAscii(text) ? text : narrow(widen(text));
+}
+
+// The JSON document a URL-safe Base64 segment holds, read as text.
 value parseSegment(const std::string& segment) {
     const auto bytes = Varkel::Zu::Base64::decode_url(segment);
-    return value::parse(narrow(widen(bytes->toString())));
+    return value::parse(throughWideText(bytes->toString()));
 }
+
+// The last key of jwks["keys"] that is a signing key with this kid, or null.
+const value* findSigningKey(const std::string& kid, const value& jwks) {
+    if (!jwks.is_object() || !jwks.has_array_field("keys")) {
+        return nullptr;
+    }
+    const std::wstring wantedKid = widen(kid);
+    const value* found = nullptr;
+    for (const value& candidate : jwks.at("keys").as_array()) {
+        if (!candidate.has_string_field("use") || !candidate.has_string_field("kid")) {
+            continue;
+        }
+        const std::string& candidateKid = candidate.at("kid").as_string();
+        if (candidate.at("use").as_string() == "sig" &&
+            (isAscii(candidateKid) && isAscii(kid) ? candidateKid == kid
+                                                   : widen(candidateKid) == wantedKid)) {
+            found = &candidate;
+        }
+    }
+    return found;
+}
+
+// The public key of a certificate text, remembered per thread for the text last seen: a host
+// verifies most tokens against the same certificate, and this skips even the shared cache.
+struct LastCertificate {
+    std::string text;
+    std::shared_ptr<EVP_PKEY> key;
+};
+thread_local LastCertificate lastCertificate;
 
 // A JSON number as whole seconds; floating-point values are truncated toward zero.
 std::int64_t secondsOf(const value& number) {
@@ -69,23 +113,13 @@ JWTUtils::JWTUtils(const JWTUtils& other) = default;
 JWTUtils& JWTUtils::operator=(const JWTUtils& other) = default;
 
 VerificationResult JWTUtils::findKey(const std::string& kid, const value& jwks, value& key) {
-    if (!jwks.is_object() || !jwks.has_array_field("keys")) {
+    // The last match wins.
+    const value* found = findSigningKey(kid, jwks);
+    if (found == nullptr) {
         return KeyNotFound;
     }
-    const std::wstring wantedKid = widen(kid);
-    VerificationResult result = KeyNotFound;
-    for (const value& candidate : jwks.at("keys").as_array()) {
-        if (!candidate.has_string_field("use") || !candidate.has_string_field("kid")) {
-            continue;
-        }
-        if (candidate.at("use").as_string() == "sig" &&
-            widen(candidate.at("kid").as_string()) == wantedKid) {
-            // The last match wins.
-            key = candidate;
-            result = Verified;
-        }
-    }
-    return result;
+    key = *found;
+    return Verified;
 }
 
 VerificationResult JWTUtils::verify(const value& jwks, const std::wstring& token, value& claims) {
@@ -111,18 +145,19 @@ VerificationResult JWTUtils::verify(const value& jwks, const std::wstring& token
             ZU_LOG_ERROR(_logger, L"Missing kid or typ items in JWT header.");
             return InvalidToken;
         }
-        const std::string kid = narrow(widen(header.at("kid").as_string()));
-        const std::string typ = narrow(widen(header.at("typ").as_string()));
+        const std::string kid = throughWideText(header.at("kid").as_string());
+        const std::string typ = throughWideText(header.at("typ").as_string());
         if (typ != "JWT") {
             ZU_LOG_ERROR(_logger, L"Token type is not 'JWT'");
             return InvalidToken;
         }
 
-        value key;
-        const VerificationResult found = findKey(kid, jwks, key);
-        if (found != Verified) {
-            return found;
+        // Looked up in place rather than copied out as findKey does: the same key, no copy.
+        const value* foundKey = findSigningKey(kid, jwks);
+        if (foundKey == nullptr) {
+            return KeyNotFound;
         }
+        const value& key = *foundKey;
         if (!key.has_field("x5c")) {
             ZU_LOG_ERROR(_logger, L"Missing 'x5c' section in JWKS key.");
             return InvalidToken;
@@ -143,8 +178,13 @@ VerificationResult JWTUtils::verify(const value& jwks, const std::wstring& token
 
         // The first certificate of the chain. Its public key is parsed once per certificate
         // text and kept (successes only), which keeps every result and line the same.
-        const std::string certificateText = narrow(widen(key.at("x5c").at(0).as_string()));
-        std::shared_ptr<EVP_PKEY> publicKey = PublicKeyCache::instance().find(certificateText);
+        const std::string certificateText = throughWideText(key.at("x5c").at(0).as_string());
+        std::shared_ptr<EVP_PKEY> publicKey;
+        if (lastCertificate.key && lastCertificate.text == certificateText) {
+            publicKey = lastCertificate.key;
+        } else {
+            publicKey = PublicKeyCache::instance().find(certificateText);
+        }
         if (!publicKey) {
             const auto der = Varkel::Zu::Base64::decode(certificateText);
             const unsigned char* derBytes = der->getData();
@@ -163,6 +203,10 @@ VerificationResult JWTUtils::verify(const value& jwks, const std::wstring& token
                 return VerificationFailed;
             }
             PublicKeyCache::instance().insert(certificateText, publicKey);
+        }
+        if (lastCertificate.key != publicKey) {
+            lastCertificate.text = certificateText;
+            lastCertificate.key = publicKey;
         }
 
         const std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> context(
