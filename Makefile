@@ -1,6 +1,7 @@
-# Front door. `make test` installs what is missing (Debian packages, as root), configures,
-# builds and runs the whole test suite through CTest. The sanitizer variants do the same
-# in their own build folders.
+# Front door. `make test` installs what is missing (Debian packages, as root, starting no
+# services; see scripts/install-packages.sh), configures, builds and runs the whole test suite
+# through CTest. On a machine without make, scripts/setup.sh installs it first. The sanitizer
+# variants do the same in their own build folders.
 
 DEBIAN_PACKAGES := build-essential cmake ninja-build pkg-config \
 	libcpprest-dev libboost-dev libboost-system-dev libboost-thread-dev \
@@ -23,15 +24,7 @@ TSAN_ENV := TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(
 all: build
 
 deps:
-	@missing=""; for p in $(DEBIAN_PACKAGES); do \
-		dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "install ok installed" || missing="$$missing $$p"; \
-	done; \
-	if [ -n "$$missing" ]; then \
-		echo "Installing missing Debian packages:$$missing"; \
-		if [ "$$(id -u)" -ne 0 ]; then echo "Run as root to install:$$missing" >&2; exit 1; fi; \
-		export DEBIAN_FRONTEND=noninteractive; \
-		apt-get update -qq && apt-get install -y -qq --no-install-recommends $$missing; \
-	fi
+	@sh scripts/install-packages.sh $(DEBIAN_PACKAGES)
 
 # configure DIR [cmake args...]: configures once; later builds only re-run the generator.
 define configure

@@ -1,0 +1,97 @@
+#!/usr/bin/env bash
+# Tries the README's two set-up commands as a new user would: makes a minimal Debian 12
+# (bookworm) root file system with debootstrap, clones this repository into it, runs the two
+# commands (the first code block of README.md) there as root in a chroot, and reports pass or
+# fail and the time of each. Then checks that the commands left no process running in the
+# chroot (a service started by a package they installed, such as tinyproxy or cron).
+#
+#   scripts/try-fresh-debian.sh [BRANCH] [DIR]
+#
+# BRANCH defaults to main; DIR (the root file system, reused when it is already there)
+# defaults to /var/tmp/tolva-fresh-debian. Needs root, git, debootstrap (installed with apt-get
+# when missing) and a Debian mirror (DEBIAN_MIRROR, default http://deb.debian.org/debian).
+# Not part of CI: it downloads about 140 packages and builds everything on its own.
+set -euo pipefail
+
+branch=${1:-main}
+target=${2:-/var/tmp/tolva-fresh-debian}
+mirror=${DEBIAN_MIRROR:-http://deb.debian.org/debian}
+repo=$(cd "$(dirname "$0")/.." && pwd)
+
+if [ "$(id -u)" -ne 0 ]; then
+    echo "run as root" >&2
+    exit 2
+fi
+if ! command -v debootstrap >/dev/null 2>&1; then
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends debootstrap
+fi
+
+# The two commands, exactly as the README gives them.
+mapfile -t commands < <(awk '/^```sh$/ {inside = 1; next} inside && /^```$/ {exit}
+                             inside && NF {sub(/ +#.*$/, ""); print}' "$repo/README.md")
+if [ "${#commands[@]}" -ne 2 ]; then
+    echo "expected two commands in the README's first code block, found ${#commands[@]}" >&2
+    exit 2
+fi
+
+if [ ! -x "$target/bin/bash" ]; then
+    echo "== debootstrap --variant=minbase bookworm $target"
+    debootstrap --variant=minbase bookworm "$target" "$mirror" >/dev/null
+fi
+
+mounted=()
+cleanup() {
+    for (( i=${#mounted[@]}-1; i>=0; i-- )); do
+        umount -l "${mounted[$i]}" 2>/dev/null || true
+    done
+}
+trap cleanup EXIT
+for fs in proc sys dev dev/pts; do
+    mkdir -p "$target/$fs"
+    mount --bind "/$fs" "$target/$fs"
+    mounted+=("$target/$fs")
+done
+cp /etc/resolv.conf "$target/etc/resolv.conf"
+
+rm -rf "$target/root/tolva"
+git clone --quiet --branch "$branch" "$repo" "$target/root/tolva"
+
+# Processes whose root directory is the chroot.
+chrootProcesses() {
+    local real
+    real=$(readlink -f "$target")
+    for root in /proc/[0-9]*/root; do
+        if [ "$(readlink "$root" 2>/dev/null)" = "$real" ]; then
+            local pid=${root#/proc/}
+            pid=${pid%/root}
+            echo "$pid $(tr '\0' ' ' < "/proc/$pid/cmdline" 2>/dev/null)"
+        fi
+    done
+}
+
+result=0
+number=0
+for command in "${commands[@]}"; do
+    number=$((number + 1))
+    echo "== $command"
+    start=$(date +%s)
+    if chroot "$target" /usr/bin/env -i HOME=/root PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
+        /bin/bash -c "cd /root/tolva && $command" > "$target/root/try-$number.log" 2>&1; then
+        outcome=pass
+    else
+        outcome=FAIL
+        result=1
+    fi
+    echo "   $outcome in $(( $(date +%s) - start )) s"
+done
+
+left=$(chrootProcesses)
+if [ -n "$left" ]; then
+    echo "== processes left running in the chroot:"
+    echo "$left"
+    result=1
+else
+    echo "== no process left running in the chroot"
+fi
+echo "== logs: $target/root/try-*.log"
+exit $result
