@@ -18,7 +18,9 @@ class TOLVA_EXPORT MailboxListener {
     // while the mailbox's listener lock is held: listeners of one mailbox run one at a time,
     // and a slow listener delays that mailbox's next delivery. Must not call addListener or
     // removeListener on the same mailbox (that deadlocks). An exception it throws is caught
-    // and logged by the mailbox; the other listeners still get the mail.
+    // and logged by the mailbox; the other listeners still get the mail. A listener that needs
+    // its API object (to answer, say) is best given a std::weak_ptr to it: a strong one keeps
+    // the object alive until the mailbox is deleted (see ~QxPlatformApi).
     virtual void onMailReceived(const std::wstring& topic, const std::wstring& content) = 0;
 
     virtual ~MailboxListener();

@@ -76,8 +76,11 @@ class TOLVA_EXPORT QxPlatformApi {
     // was started, cancels every mailbox reception task and waits for each, and writes
     // "TRACE: It took N ms to kill the mailbox reception tasks." to the debug log.
     // Makes no REST call: platform mailboxes and service registrations are left as they are.
-    // Never throws. Runs on the thread that drops the last owner, which must not be the
-    // heartbeat task or an HTTP continuation.
+    // Never throws. Runs on the thread that drops the last owner. A listener that holds its
+    // API object makes a cycle (object, mailbox, listener) that only deleteMailbox breaks; the
+    // last owner may then go on a thread of the HTTP pool, at the end of that mailbox's last
+    // poll. That works while the pool has a thread free for the object's other polls (with a
+    // pool of one thread it does not): prefer a std::weak_ptr to the API object in listeners.
     virtual ~QxPlatformApi();
 
     QxPlatformApi(const QxPlatformApi&) = delete;
@@ -283,8 +286,8 @@ class TOLVA_EXPORT QxPlatformApi {
                             const std::wstring& topic, bool subscribe);
     // The parts of one poll: the answer's handling, the back-off after a transport failure,
     // and the end of the poll's task.
-    pplx::task<void> handlePollResponse(const std::shared_ptr<Mailbox>& mailbox,
-                                        const std::wstring& mailboxId,
+    struct PollContext;
+    pplx::task<void> handlePollResponse(const std::shared_ptr<PollContext>& poll,
                                         pplx::task<web::http::http_response> responseTask);
     void schedulePollRetry(const std::shared_ptr<Mailbox>& mailbox, const std::wstring& mailboxId,
                            const std::exception& failure);

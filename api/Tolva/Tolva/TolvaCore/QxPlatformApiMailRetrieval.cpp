@@ -46,6 +46,15 @@ std::wstring memberText(const value& notification, const char* name) {
 
 }  // namespace
 
+// One poll as its continuations share it. The mailbox may hold (through a host's listener) the
+// last reference to the API object, so only the poll's last continuation lets it go, after the
+// poll has been counted out: should the object then be destroyed on that pool thread, its
+// destructor does not wait for this very poll, and nothing of the object is used afterwards.
+struct QxPlatformApi::PollContext {
+    std::shared_ptr<Mailbox> mailbox;
+    std::wstring mailboxId;
+};
+
 void QxPlatformApi::queryLauncherThreadLoop() {
     for (;;) {
         try {
@@ -93,12 +102,13 @@ void QxPlatformApi::retrieveMail(const std::shared_ptr<Mailbox>& mailbox) {
         }
         // Every outcome is taken by the last continuation, so no task of a poll ever ends
         // holding an exception nobody observes (that would end the process).
+        const auto poll = std::make_shared<PollContext>(PollContext{mailbox, mailboxId});
         pplx::task<void> receptionTask =
             call.sendUnchecked(currentClient())
-                .then([this, mailbox, mailboxId](pplx::task<http_response> responseTask) {
-                    return handlePollResponse(mailbox, mailboxId, responseTask);
+                .then([this, poll](pplx::task<http_response> responseTask) {
+                    return handlePollResponse(poll, responseTask);
                 })
-                .then([this, mailboxId](pplx::task<void> outcome) {
+                .then([this, poll, mailboxId](pplx::task<void> outcome) {
                     try {
                         outcome.get();
                     } catch (const pplx::task_canceled&) {
@@ -112,6 +122,8 @@ void QxPlatformApi::retrieveMail(const std::shared_ptr<Mailbox>& mailbox) {
                                       L"Mailbox " + mailboxId + L" stopped receiving mail.");
                     }
                     pollEnded();
+                    // Nothing of this object is used from here on (see PollContext).
+                    poll->mailbox.reset();
                 });
         // From here the chain's last continuation ends the poll's count.
         counted = false;
@@ -137,9 +149,10 @@ void QxPlatformApi::retrieveMail(const std::shared_ptr<Mailbox>& mailbox) {
     }
 }
 
-pplx::task<void> QxPlatformApi::handlePollResponse(const std::shared_ptr<Mailbox>& mailbox,
-                                                   const std::wstring& mailboxId,
+pplx::task<void> QxPlatformApi::handlePollResponse(const std::shared_ptr<PollContext>& poll,
                                                    pplx::task<http_response> responseTask) {
+    const std::shared_ptr<Mailbox>& mailbox = poll->mailbox;
+    const std::wstring& mailboxId = poll->mailboxId;
     http_response response;
     try {
         response = responseTask.get();
@@ -163,14 +176,16 @@ pplx::task<void> QxPlatformApi::handlePollResponse(const std::shared_ptr<Mailbox
             mailboxQueue_->putObject(mailbox, ZU_TIMEOUT_INFINITE);
             return pplx::task_from_result();
         }
-        return response.extract_json(true).then([this, mailbox](const value& body) {
+        return response.extract_json(true).then([this, poll](pplx::task<value> bodyTask) {
+            const std::shared_ptr<Mailbox>& held = poll->mailbox;
+            const value body = bodyTask.get();
             // Copied first: the listeners run on the copy.
             const std::vector<value> notifications(body.as_array().begin(), body.as_array().end());
             for (const value& notification : notifications) {
-                mailbox->receiveMail(memberText(notification, "topic"),
-                                     memberText(notification, "content"));
+                held->receiveMail(memberText(notification, "topic"),
+                                  memberText(notification, "content"));
             }
-            mailboxQueue_->putObject(mailbox, ZU_TIMEOUT_INFINITE);
+            mailboxQueue_->putObject(held, ZU_TIMEOUT_INFINITE);
         });
     }
 
