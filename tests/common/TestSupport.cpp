@@ -15,11 +15,29 @@ namespace {
 std::filesystem::path g_workDirectory;
 }
 
-void setWorkDirectory(const std::filesystem::path& dir) { g_workDirectory = dir; }
+void setWorkDirectory(const std::filesystem::path& dir) {
+    g_workDirectory = dir;
+}
 
-const std::filesystem::path& workDirectory() { return g_workDirectory; }
+const std::filesystem::path& workDirectory() {
+    return g_workDirectory;
+}
 
-std::filesystem::path debugLogPath() { return std::filesystem::current_path() / "C:" / "logs" / "ZuLog.txt"; }
+std::filesystem::path debugLogPath() {
+    return std::filesystem::current_path() / "C:" / "logs" / "ZuLog.txt";
+}
+
+std::size_t threadsNamed(const std::string& prefix) {
+    std::size_t count = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream comm(task.path() / "comm");
+        std::string name;
+        if (std::getline(comm, name) && name.rfind(prefix, 0) == 0) {
+            ++count;
+        }
+    }
+    return count;
+}
 
 std::string readDebugLog() {
     std::ifstream in(debugLogPath(), std::ios::binary);
@@ -35,13 +53,16 @@ StdoutCapture::StdoutCapture() {
     file_ = std::filesystem::current_path() /
             ("stdout-capture-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
     int fd = ::open(file_.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
-    if (fd < 0) throw std::runtime_error("cannot open stdout capture file");
+    if (fd < 0)
+        throw std::runtime_error("cannot open stdout capture file");
     savedFd_ = ::dup(1);
     ::dup2(fd, 1);
     ::close(fd);
 }
 
-StdoutCapture::~StdoutCapture() { text(); }
+StdoutCapture::~StdoutCapture() {
+    text();
+}
 
 std::string StdoutCapture::text() {
     if (!done_) {

@@ -45,23 +45,10 @@ class HeartbeatTest : public RestTest {
         return emulatorOptions;
     }
 
-    // Waits until at least `count` recorded requests satisfy `matches`; returns them.
     std::vector<qxpemu::RecordedRequest> waitFor(
         const std::function<bool(const qxpemu::RecordedRequest&)>& matches, std::size_t count,
         std::chrono::milliseconds timeout = kBeatTimeout) const {
-        const auto deadline = Clock::now() + timeout;
-        for (;;) {
-            const auto all = emulator_.requests();
-            std::vector<qxpemu::RecordedRequest> found;
-            std::copy_if(all.begin(), all.end(), std::back_inserter(found), matches);
-            const auto now = Clock::now();
-            if (found.size() >= count || now >= deadline) {
-                return found;
-            }
-            emulator_.waitForRequests(
-                all.size() + 1,
-                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now));
-        }
+        return waitForMatching(matches, count, timeout);
     }
 
     // The platform's view of one service ("passing" or "critical"), "" when it has none.

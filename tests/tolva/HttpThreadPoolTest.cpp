@@ -8,8 +8,6 @@
 
 #include <ZuCore/InvalidArgumentException.h>
 
-#include <dirent.h>
-
 #include <condition_variable>
 #include <deque>
 #include <fstream>
@@ -19,6 +17,8 @@
 
 namespace TolvaRestTest {
 namespace {
+
+using TolvaTest::threadsNamed;
 
 using Varkel::Tolva::WebUtils::setHttpThreadPoolSize;
 using Clock = std::chrono::steady_clock;
@@ -31,21 +31,6 @@ bool hasRecord(const LogRecords& records, const std::string& level, const std::w
         }
     }
     return false;
-}
-
-std::size_t threadsNamed(const std::string& prefix) {
-    std::size_t count = 0;
-    if (DIR* tasks = opendir("/proc/self/task")) {
-        while (const dirent* entry = readdir(tasks)) {
-            std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
-            std::string name;
-            if (std::getline(comm, name) && name.rfind(prefix, 0) == 0) {
-                ++count;
-            }
-        }
-        closedir(tasks);
-    }
-    return count;
 }
 
 // Answers every request "pong to <content>" on replyTopic from a thread of its own, so that

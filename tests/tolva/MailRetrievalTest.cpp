@@ -65,7 +65,7 @@ TEST_F(MailRetrievalTest, APollIsAGetWithTwoHeadersAndUsesTheTokenAsItStands) {
     // mailbox is dropped.
     api->clearToken();
     const std::string id = mailboxIdText(*mailbox);
-    const auto polls = waitForRequests(
+    const auto polls = waitForMatching(
         [&](const qxpemu::RecordedRequest& r) {
             return r.target == pollTarget(*mailbox) && r.header("Authorization") == "Bearer";
         },
@@ -331,7 +331,7 @@ TEST_F(MailRetrievalTest, AFailedPostLeavesTheTemporaryMailboxInPlace) {
                  std::exception);
     // Still registered and polled, not deleted.
     EXPECT_FALSE(api->hasDeletedMailboxes());
-    EXPECT_GE(waitForRequests(
+    EXPECT_GE(waitForMatching(
                   [](const qxpemu::RecordedRequest& r) {
                       return r.method == "GET" &&
                              r.target.rfind(std::string(kNotificationsPath) + "/", 0) == 0;

@@ -79,30 +79,11 @@ class MailTest : public RestTest {
         return emulatorOptions;
     }
 
-    // Waits until at least `count` recorded requests satisfy `matches`; returns them.
-    std::vector<qxpemu::RecordedRequest> waitForRequests(
-        const std::function<bool(const qxpemu::RecordedRequest&)>& matches, std::size_t count,
-        std::chrono::milliseconds timeout = std::chrono::seconds(20)) const {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        for (;;) {
-            const auto all = emulator_.requests();
-            std::vector<qxpemu::RecordedRequest> found;
-            std::copy_if(all.begin(), all.end(), std::back_inserter(found), matches);
-            const auto now = std::chrono::steady_clock::now();
-            if (found.size() >= count || now >= deadline) {
-                return found;
-            }
-            emulator_.waitForRequests(
-                all.size() + 1,
-                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now));
-        }
-    }
-
     std::vector<qxpemu::RecordedRequest> waitForPolls(
         const Mailbox& mailbox, std::size_t count,
         std::chrono::milliseconds timeout = std::chrono::seconds(20)) const {
         const std::string target = pollTarget(mailbox);
-        return waitForRequests(
+        return waitForMatching(
             [&](const qxpemu::RecordedRequest& r) {
                 return r.method == "GET" && r.target == target;
             },

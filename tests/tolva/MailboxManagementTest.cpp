@@ -4,8 +4,6 @@
 
 #include <ZuCore/InvalidArgumentException.h>
 
-#include <dirent.h>
-
 #include <fstream>
 #include <locale>
 #include <stdexcept>
@@ -35,20 +33,7 @@ class MailboxManagementTest : public MailTest {
         return "";
     }
 
-    static std::size_t pollingThreadCount() {
-        std::size_t count = 0;
-        if (DIR* tasks = opendir("/proc/self/task")) {
-            while (const dirent* entry = readdir(tasks)) {
-                std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
-                std::string name;
-                if (std::getline(comm, name) && name.rfind("Mailbox polling", 0) == 0) {
-                    ++count;
-                }
-            }
-            closedir(tasks);
-        }
-        return count;
-    }
+    static std::size_t pollingThreadCount() { return TolvaTest::threadsNamed("Mailbox polling"); }
 
     std::shared_ptr<TestApi> api_;
 };

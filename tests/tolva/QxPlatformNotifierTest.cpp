@@ -7,13 +7,13 @@
 
 #include <ZuCore/InvalidArgumentException.h>
 
-#include <dirent.h>
-
 #include <chrono>
 #include <fstream>
 
 namespace TolvaRestTest {
 namespace {
+
+using TolvaTest::threadsNamed;
 
 using Varkel::Tolva::QxPlatformNotifier;
 using Varkel::Zu::ThreadEnum;
@@ -28,21 +28,6 @@ class TestNotifier : public QxPlatformNotifier {
     using QxPlatformNotifier::getWorker;
 };
 
-std::size_t threadsNamed(const std::string& prefix) {
-    std::size_t count = 0;
-    if (DIR* tasks = opendir("/proc/self/task")) {
-        while (const dirent* entry = readdir(tasks)) {
-            std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
-            std::string name;
-            if (std::getline(comm, name) && name.rfind(prefix, 0) == 0) {
-                ++count;
-            }
-        }
-        closedir(tasks);
-    }
-    return count;
-}
-
 class QxPlatformNotifierTest : public RestTest {
   protected:
     void SetUp() override {
@@ -56,15 +41,11 @@ class QxPlatformNotifierTest : public RestTest {
     }
 
     std::vector<qxpemu::RecordedRequest> waitForPosts(std::size_t count) {
-        const auto deadline = Clock::now() + std::chrono::seconds(20);
-        for (;;) {
-            const auto posts = requestsTo("POST", kNotificationsPath);
-            if (posts.size() >= count || Clock::now() >= deadline) {
-                return posts;
-            }
-            emulator_.waitForRequests(emulator_.requests().size() + 1,
-                                      std::chrono::milliseconds(200));
-        }
+        return waitForMatching(
+            [](const qxpemu::RecordedRequest& r) {
+                return r.method == "POST" && r.target == kNotificationsPath;
+            },
+            count);
     }
 
     std::shared_ptr<TestApi> api_;

@@ -13,7 +13,11 @@
 #include <ZuCore/MakeShared.h>
 #include <ZuCore/StringConversion.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
+#include <functional>
+#include <iterator>
 #include <mutex>
 #include <optional>
 #include <sstream>
@@ -193,6 +197,26 @@ class RestTest : public ::testing::Test {
             }
         }
         return found;
+    }
+
+    // Waits until at least `count` recorded requests satisfy `matches` or `timeout` passes;
+    // returns the matching requests as they stand then (check the size).
+    std::vector<qxpemu::RecordedRequest> waitForMatching(
+        const std::function<bool(const qxpemu::RecordedRequest&)>& matches, std::size_t count,
+        std::chrono::milliseconds timeout = std::chrono::seconds(20)) const {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        for (;;) {
+            const auto all = emulator_.requests();
+            std::vector<qxpemu::RecordedRequest> found;
+            std::copy_if(all.begin(), all.end(), std::back_inserter(found), matches);
+            const auto now = std::chrono::steady_clock::now();
+            if (found.size() >= count || now >= deadline) {
+                return found;
+            }
+            emulator_.waitForRequests(
+                all.size() + 1,
+                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now));
+        }
     }
 
     std::size_t tokenRequestCount() const {

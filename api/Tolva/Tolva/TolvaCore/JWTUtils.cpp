@@ -1,5 +1,6 @@
 #include <TolvaCore/JWTUtils.h>
 
+#include "private/JsonNumbers.h"
 #include "private/PublicKeyCache.h"
 
 #include <ZuCore/Base64.h>
@@ -7,7 +8,6 @@
 #include <ZuCore/StringConversion.h>
 
 #include <chrono>
-#include <cmath>
 #include <new>
 #include <vector>
 
@@ -77,19 +77,6 @@ struct LastCertificate {
     std::shared_ptr<EVP_PKEY> key;
 };
 thread_local LastCertificate lastCertificate;
-
-// A JSON number as whole seconds; floating-point values are truncated toward zero.
-std::int64_t secondsOf(const value& number) {
-    const web::json::number& n = number.as_number();
-    if (n.is_integral()) {
-        return n.to_int64();
-    }
-    const double truncated = std::trunc(n.to_double());
-    if (!(truncated >= -9223372036854775808.0 && truncated < 9223372036854775808.0)) {
-        throw web::json::json_exception("Number out of range");
-    }
-    return static_cast<std::int64_t>(truncated);
-}
 
 struct X509Deleter {
     void operator()(X509* certificate) const { X509_free(certificate); }
@@ -168,7 +155,7 @@ VerificationResult JWTUtils::verify(const value& jwks, const std::wstring& token
             ZU_LOG_ERROR(_logger, L"Token expiration missing.");
             return InvalidToken;
         }
-        if (now > secondsOf(claims.at("exp"))) {
+        if (now > truncatedInt64(claims.at("exp"))) {
             ZU_LOG_ERROR(_logger, L"Token expired.");
             return TokenExpired;
         }

@@ -1,11 +1,12 @@
 #include <TolvaCore/ModelBase.h>
 
+#include "private/JsonNumbers.h"
+
 #include <ZuCore/InvalidArgumentException.h>
 #include <ZuCore/StringConversion.h>
 #include <ZuCore/ThrowException.h>
 #include <ZuCore/ZuUUID.h>
 
-#include <cmath>
 #include <cstdint>
 #include <sstream>
 
@@ -13,24 +14,6 @@ namespace Varkel {
 namespace Tolva {
 namespace Rest {
 namespace Model {
-
-namespace {
-
-// A JSON number as a signed 64-bit integer; floating-point values are truncated toward zero.
-std::int64_t toInt64(const web::json::value& v) {
-    const web::json::number& number = v.as_number();
-    if (number.is_integral()) {
-        return number.to_int64();
-    }
-    const double truncated = std::trunc(number.to_double());
-    // Converting a double outside the int64 range is undefined; refuse it as a bad number.
-    if (!(truncated >= -9223372036854775808.0 && truncated < 9223372036854775808.0)) {
-        throw web::json::json_exception("Number out of range");
-    }
-    return static_cast<std::int64_t>(truncated);
-}
-
-}  // namespace
 
 ModelBase::ModelBase() = default;
 ModelBase::~ModelBase() = default;
@@ -97,9 +80,9 @@ Varkel::Zu::Rational ModelBase::rationalFromJson(const web::json::value& v) {
     std::int64_t denominator = 1;
     const auto den = object.find("den");
     if (den != object.end()) {
-        denominator = toInt64(den->second);
+        denominator = truncatedInt64(den->second);
     }
-    const std::int64_t numerator = toInt64(object.at("num"));
+    const std::int64_t numerator = truncatedInt64(object.at("num"));
     return Varkel::Zu::Rational(numerator, denominator);
 }
 
