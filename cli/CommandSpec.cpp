@@ -1,0 +1,65 @@
+#include "CommandSpec.h"
+
+#include <sstream>
+
+namespace tolva {
+
+namespace {
+
+std::vector<OptionSpec> commonOptions(bool connects) {
+    std::vector<OptionSpec> options;
+    if (connects) {
+        options.push_back({"url", "URL", "platform URL (default: \"url\" of QX_PLATFORM_CONFIG)"});
+        options.push_back({"credentials", "KEY",
+                           "API key (default: \"logging\".\"credentials\" of QX_PLATFORM_CONFIG)"});
+        options.push_back({"credentials-file", "FILE",
+                           "read the API key from FILE (its first line), so that it need not "
+                           "sit on a command line"});
+    }
+    options.push_back({"json", "", "print JSON for scripts instead of text"});
+    options.push_back(
+        {"verbose", "", "log the library's debug lines on standard error", false, 'v'});
+    options.push_back({"help", "", "show this help", false, 'h'});
+    return options;
+}
+
+}  // namespace
+
+std::vector<OptionSpec> CommandSpec::allOptions() const {
+    std::vector<OptionSpec> all = options;
+    for (auto& option : commonOptions(connects)) {
+        all.push_back(std::move(option));
+    }
+    return all;
+}
+
+std::string CommandSpec::helpText() const {
+    std::ostringstream out;
+    out << "Usage: tolva " << name << (synopsis.empty() ? "" : " " + synopsis) << " [options]\n\n"
+        << summary << "\n";
+    if (!description.empty()) {
+        out << "\n" << description << "\n";
+    }
+    out << "\nOptions:\n";
+    for (const auto& option : allOptions()) {
+        std::string left = "  ";
+        left += option.shortName ? std::string("-") + option.shortName + ", " : "    ";
+        left += "--" + option.name;
+        if (!option.valueName.empty()) {
+            left += " " + option.valueName;
+        }
+        if (option.repeatable) {
+            left += " ...";
+        }
+        out << left;
+        if (left.size() < 28) {
+            out << std::string(28 - left.size(), ' ');
+        } else {
+            out << "\n" << std::string(28, ' ');
+        }
+        out << option.help << "\n";
+    }
+    return out.str();
+}
+
+}  // namespace tolva

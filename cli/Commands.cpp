@@ -1,0 +1,92 @@
+#include "Commands.h"
+
+namespace tolva {
+
+const std::vector<Command>& commands() {
+    static const std::vector<Command> all = {
+        {{"token",
+          "",
+          "Obtain an access token; print its account and expiry and verify it.",
+          "The token is verified against the key set the platform serves with it. The token\n"
+          "itself is printed only with --show-token. Exit status 1 when no token can be\n"
+          "obtained or it does not verify.",
+          {{"show-token", "", "also print the access token itself (a secret)"}},
+          0,
+          0},
+         runToken},
+        {{"post",
+          "TOPIC CONTENT",
+          "Post one notification.",
+          "TOPIC is lower-cased by the library. CONTENT is sent as it is.",
+          {{"ttl", "SECONDS", "time to live of the notification (default: none)"}},
+          2,
+          2},
+         runPost},
+        {{"listen",
+          "TOPIC...",
+          "Print every notification published on the topics, as it arrives.",
+          "Creates a mailbox subscribed to every TOPIC and prints each notification on a line\n"
+          "(\"topic: content\", or a JSON object with --json). Ends on Ctrl-C, after --count\n"
+          "notifications or after --timeout seconds, and deletes the mailbox. When the platform\n"
+          "loses the mailbox (restarted, say), a new one is created. Exit status 1 when --count\n"
+          "was given and fewer notifications arrived.",
+          {{"count", "N", "stop after N notifications"},
+           {"timeout", "SECONDS", "stop after this many seconds"}},
+          1,
+          1000},
+         runListen},
+        {{"request",
+          "TOPIC CONTENT",
+          "Post a request and print the reply.",
+          "Subscribes a temporary mailbox to --reply-topic, posts CONTENT on TOPIC and waits\n"
+          "for the first notification with content on the reply topic. Exit status 1 when no\n"
+          "reply arrives in time.",
+          {{"reply-topic", "TOPIC", "topic the reply is expected on (required)"},
+           {"timeout", "SECONDS", "how long to wait for the reply (default 10)"}},
+          2,
+          2},
+         runRequest},
+        {{"register",
+          "",
+          "Register a service and keep it alive with heartbeats until Ctrl-C.",
+          "The library sends a heartbeat every 5 seconds. On Ctrl-C (or after --duration)\n"
+          "the service is unregistered.",
+          {{"type", "TYPE", "service type (required)"},
+           {"instance", "NAME", "service instance (required)"},
+           {"address", "ADDRESS", "address the service is reached at (required)"},
+           {"port", "PORT", "port the service is reached at, 0 to 65535 (required)"},
+           {"path-rule", "RULE", "reverse proxy path rule (required)"},
+           {"tag", "TAG", "a service tag; repeat for more", true},
+           {"health", "STATE", "OK (default), Warning or Error"},
+           {"health-text", "TEXT", "text that goes with --health"},
+           {"duration", "SECONDS", "unregister after this many seconds instead of on Ctrl-C"}},
+          0,
+          0},
+         runRegister},
+        {{"verify",
+          "TOKEN",
+          "Verify a platform-issued JWT and print the result and its claims.",
+          "TOKEN \"-\" reads the token from standard input, so that it need not sit on a\n"
+          "command line. The key set is read from --jwks or, by default, fetched from the\n"
+          "platform. Exit status 1 when the token does not verify.",
+          {{"jwks", "FILE", "key set (JSON Web Key Set) to verify against"},
+           {"from-platform", "", "use the key set the platform serves (the default)"}},
+          1,
+          1},
+         runVerify},
+        {{"demo",
+          "",
+          "Start an emulator in this process and tour the whole library against it.",
+          "Token, verification, a service with heartbeats, a mailbox and a listener, posting\n"
+          "and receiving, request and reply answered by a second API object, unregistering\n"
+          "and deleting; each step with its timing, then a summary.",
+          {},
+          0,
+          0,
+          false},
+         runDemo},
+    };
+    return all;
+}
+
+}  // namespace tolva

@@ -1,0 +1,39 @@
+// PlatformConnection: the platform URL and API key a command works with, taken from
+// --url / --credentials / --credentials-file over the "QX_PLATFORM_CONFIG" document, and the
+// API object made from them.
+#pragma once
+
+#include "Arguments.h"
+
+#include <TolvaCore/QxPlatformApi.h>
+
+#include <memory>
+#include <string>
+
+namespace tolva {
+
+class PlatformConnection {
+  public:
+    // Resolves the URL and the key. Throws UsageError when either is missing, the URL is not
+    // an http:// or https:// URL, the credentials file cannot be read, or QX_PLATFORM_CONFIG
+    // is not a valid configuration document.
+    explicit PlatformConnection(const Arguments& arguments);
+
+    const std::string& url() const { return url_; }
+
+    // Makes the API object, which obtains its first token. Throws std::runtime_error with
+    // the library's reason when no token could be obtained.
+    std::shared_ptr<Varkel::Tolva::Rest::QxPlatformApi> connect() const;
+
+    // Remembers the text of the library's latest error record, so that a failure the library
+    // only logs can be reported. Call once at start.
+    static void watchLibraryErrors();
+    // The latest error record's text ("" when none).
+    static std::string lastLibraryError();
+
+  private:
+    std::string url_;
+    std::string key_;
+};
+
+}  // namespace tolva
