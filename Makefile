@@ -19,7 +19,7 @@ ASAN_ENV := ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1:
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1:suppressions=$(SAN_DIR)/ubsan.supp
 TSAN_ENV := TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(SAN_DIR)/tsan.supp:report_signal_unsafe=0
 
-.PHONY: all deps build test test-asan test-tsan run format clean
+.PHONY: all deps build test test-asan test-tsan demo run format clean
 
 all: build
 
@@ -35,6 +35,12 @@ build: deps
 	$(call configure,build,-DCMAKE_BUILD_TYPE=RelWithDebInfo)
 	cmake --build build -j $(JOBS)
 
+# The whole tour of the library (token, verification, a service with heartbeats, mailboxes,
+# post and receive, request and reply) against an emulator started inside the tool.
+demo: build
+	build/cli/tolva demo
+
+# The facade's example host against a separately started emulator process.
 run: build
 	scripts/run-demo.sh build
 

@@ -2,7 +2,7 @@
 # The front door on a fresh Debian machine: installs make when it is missing (as root, with
 # apt-get), then runs make with the given targets, which install the rest:
 #
-#   sh scripts/setup.sh run     # build everything, run the example host against the emulator
+#   sh scripts/setup.sh demo    # build everything, run the tour of the library (tolva demo)
 #   sh scripts/setup.sh test    # build everything, run every test
 set -e
 cd "$(dirname "$0")/.."
