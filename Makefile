@@ -6,7 +6,7 @@
 DEBIAN_PACKAGES := build-essential cmake ninja-build pkg-config \
 	libcpprest-dev libboost-dev libboost-system-dev libboost-thread-dev \
 	libboost-program-options-dev libssl-dev libspdlog-dev nlohmann-json3-dev \
-	libgtest-dev libgmock-dev libbenchmark-dev libcurl4-openssl-dev tinyproxy curl
+	libgtest-dev libgmock-dev libbenchmark-dev libcurl4-openssl-dev tinyproxy curl doxygen
 
 COMMA := ,
 JOBS ?= $(shell nproc)
@@ -19,7 +19,7 @@ ASAN_ENV := ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1:
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1:suppressions=$(SAN_DIR)/ubsan.supp
 TSAN_ENV := TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(SAN_DIR)/tsan.supp:report_signal_unsafe=0
 
-.PHONY: all deps build test test-asan test-tsan demo run format clean
+.PHONY: all deps build test test-asan test-tsan demo run docs format clean
 
 all: build
 
@@ -56,6 +56,10 @@ test-tsan: deps
 	$(call configure,build-tsan,-DCMAKE_BUILD_TYPE=Debug -DTOLVA_SANITIZE=thread -DTOLVA_BUILD_BENCH=OFF)
 	cmake --build build-tsan -j $(JOBS)
 	cd build-tsan && $(TSAN_ENV) ctest $(CTEST_ARGS)
+
+# The API reference (Doxygen, HTML) in build/docs/html; a Doxygen warning fails it.
+docs: build
+	cmake --build build --target docs
 
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i

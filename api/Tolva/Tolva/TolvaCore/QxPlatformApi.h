@@ -1,31 +1,32 @@
-// QxPlatformApi: the one object through which the library talks to the QX Platform over REST.
-// It holds the platform URL, the API key (the client credential), the current access token and
-// the HTTP client, keeps the token fresh, posts notifications, registers services and keeps
-// them alive with a heartbeat every five seconds. Instances are made through MakeShared (or the
-// two configuration factories) and are always owned by shared pointers.
-//
-// Threads: every operation runs on the calling thread and blocks it until the platform has
-// answered. One task of the object's own, the heartbeat task, wakes every five seconds, renews
-// the token when due and sends one heartbeat per registered service, holding the object lock
-// for the whole pass; unregistration (and the mailbox calls) wait for a pass under way.
-//
-// Mail: the first createMailbox starts the "Mailbox polling thread", which keeps one long poll
-// (GET ".../notifications/<id>?timeout=30") outstanding per mailbox. Each poll's answer is
-// handled on a thread of the HTTP library's pool, which hands every notification to the
-// mailbox's listeners (Mailbox::receiveMail) and then starts the mailbox's next poll:
-// - Listeners run on those pool threads, one at a time per mailbox. A slow listener delays
-//   only its own mailbox's next poll, but it holds a pool thread meanwhile: the pool has 40
-//   threads by default, so at most about 40 listeners may block at once before every request
-//   of the process (polls, posts, heartbeats) stalls. A listener may call back into this
-//   object (post, even postNotificationAndWaitForReply): that blocks one more pool thread
-//   until the answer comes.
-// - Every live mailbox holds one socket to the platform for its poll: a host with thousands of
-//   mailboxes needs a descriptor limit (ulimit -n) above that number.
-// - A poll that fails in transport (connection refused or reset, the platform restarting, the
-//   client's 30-second time-out racing the platform's 30-second wait) keeps its mailbox in the
-//   cycle: it is polled again after a back-off that doubles from 100 ms to 5 s, and the
-//   failure is logged at most once a minute. A poll answered with a status other than 200 or
-//   204 drops the mailbox (see retrieveMail).
+/// @class Varkel::Tolva::Rest::QxPlatformApi
+/// QxPlatformApi: the one object through which the library talks to the QX Platform over REST.
+/// It holds the platform URL, the API key (the client credential), the current access token and
+/// the HTTP client, keeps the token fresh, posts notifications, registers services and keeps
+/// them alive with a heartbeat every five seconds. Instances are made through MakeShared (or the
+/// two configuration factories) and are always owned by shared pointers.
+///
+/// Threads: every operation runs on the calling thread and blocks it until the platform has
+/// answered. One task of the object's own, the heartbeat task, wakes every five seconds, renews
+/// the token when due and sends one heartbeat per registered service, holding the object lock
+/// for the whole pass; unregistration (and the mailbox calls) wait for a pass under way.
+///
+/// Mail: the first createMailbox starts the "Mailbox polling thread", which keeps one long poll
+/// (GET ".../notifications/<id>?timeout=30") outstanding per mailbox. Each poll's answer is
+/// handled on a thread of the HTTP library's pool, which hands every notification to the
+/// mailbox's listeners (Mailbox::receiveMail) and then starts the mailbox's next poll:
+/// - Listeners run on those pool threads, one at a time per mailbox. A slow listener delays
+///   only its own mailbox's next poll, but it holds a pool thread meanwhile: the pool has 40
+///   threads by default, so at most about 40 listeners may block at once before every request
+///   of the process (polls, posts, heartbeats) stalls. A listener may call back into this
+///   object (post, even postNotificationAndWaitForReply): that blocks one more pool thread
+///   until the answer comes.
+/// - Every live mailbox holds one socket to the platform for its poll: a host with thousands of
+///   mailboxes needs a descriptor limit (ulimit -n) above that number.
+/// - A poll that fails in transport (connection refused or reset, the platform restarting, the
+///   client's 30-second time-out racing the platform's 30-second wait) keeps its mailbox in the
+///   cycle: it is polled again after a back-off that doubles from 100 ms to 5 s, and the
+///   failure is logged at most once a minute. A poll answered with a status other than 200 or
+///   204 drops the mailbox (see retrieveMail).
 #pragma once
 
 #include <TolvaCore/Mailbox.h>
@@ -58,224 +59,226 @@ namespace Rest {
 
 class TOLVA_EXPORT QxPlatformApi {
   public:
+    /// The queue of mailboxes waiting for their next poll, read by the "Mailbox polling thread".
     using MailboxQueue =
         Varkel::Zu::BlockingQueue<std::shared_ptr<Mailbox>, int, Varkel::Zu::Logger>;
 
-    // Makes the HTTP client, requests a first token (a failure is written to the debug log
-    // and construction goes on with an empty token), then starts the heartbeat task and
-    // creates the mailbox queue. Reached only through MakeShared::create<QxPlatformApi>(url,
-    // key). Blocks the calling thread for the token request (at most the client time-out of
-    // each step). Throws what building the HTTP client throws (a malformed "http_proxy"
-    // value makes URI parsing throw). Any thread.
+    /// Makes the HTTP client, requests a first token (a failure is written to the debug log
+    /// and construction goes on with an empty token), then starts the heartbeat task and
+    /// creates the mailbox queue. Reached only through MakeShared::create<QxPlatformApi>(url,
+    /// key). Blocks the calling thread for the token request (at most the client time-out of
+    /// each step). Throws what building the HTTP client throws (a malformed "http_proxy"
+    /// value makes URI parsing throw). Any thread.
     QxPlatformApi(Varkel::Zu::MakeShared::PrivateConstructorType, const std::wstring& url,
                   const std::wstring& key);
 
-    // Stops the object, in this order: clears the running flag, shuts the mailbox queue down,
-    // interrupts the heartbeat wait and waits for the heartbeat task (which finishes a pass
-    // already under way, including its token request), joins the mail polling thread if one
-    // was started, cancels every mailbox reception task and waits for each, and writes
-    // "TRACE: It took N ms to kill the mailbox reception tasks." to the debug log.
-    // Makes no REST call: platform mailboxes and service registrations are left as they are.
-    // Never throws. Runs on the thread that drops the last owner. A listener that holds its
-    // API object makes a cycle (object, mailbox, listener) that only deleteMailbox breaks; the
-    // last owner may then go on a thread of the HTTP pool, at the end of that mailbox's last
-    // poll. That works while the pool has a thread free for the object's other polls (with a
-    // pool of one thread it does not): prefer a std::weak_ptr to the API object in listeners.
+    /// Stops the object, in this order: clears the running flag, shuts the mailbox queue down,
+    /// interrupts the heartbeat wait and waits for the heartbeat task (which finishes a pass
+    /// already under way, including its token request), joins the mail polling thread if one
+    /// was started, cancels every mailbox reception task and waits for each, and writes
+    /// "TRACE: It took N ms to kill the mailbox reception tasks." to the debug log.
+    /// Makes no REST call: platform mailboxes and service registrations are left as they are.
+    /// Never throws. Runs on the thread that drops the last owner. A listener that holds its
+    /// API object makes a cycle (object, mailbox, listener) that only deleteMailbox breaks; the
+    /// last owner may then go on a thread of the HTTP pool, at the end of that mailbox's last
+    /// poll. That works while the pool has a thread free for the object's other polls (with a
+    /// pool of one thread it does not): prefer a std::weak_ptr to the API object in listeners.
     virtual ~QxPlatformApi();
 
     QxPlatformApi(const QxPlatformApi&) = delete;
     QxPlatformApi& operator=(const QxPlatformApi&) = delete;
 
-    // Makes an API object from the JSON document in the environment variable
-    // "QX_PLATFORM_CONFIG": {"url": <platform URL>, "logging": {"credentials": <API key>}}.
-    // Returns an empty pointer when the variable is unset or empty. Parse errors and missing
-    // or mistyped members reach the caller as web::json::json_exception. Any thread.
+    /// Makes an API object from the JSON document in the environment variable
+    /// "QX_PLATFORM_CONFIG": `{"url": <platform URL>, "logging": {"credentials": <API key>}}`.
+    /// Returns an empty pointer when the variable is unset or empty. Parse errors and missing
+    /// or mistyped members reach the caller as web::json::json_exception. Any thread.
     static std::shared_ptr<QxPlatformApi> createFromEnvVar();
 
-    // Makes an API object from a configuration document of the same format as
-    // createFromEnvVar. Every std::exception on the way (bad JSON, missing member, wrong
-    // type) is logged on the root logger and rethrown as Varkel::Zu::InvalidArgumentException
-    // carrying its text. Any thread.
+    /// Makes an API object from a configuration document of the same format as
+    /// createFromEnvVar. Every std::exception on the way (bad JSON, missing member, wrong
+    /// type) is logged on the root logger and rethrown as Varkel::Zu::InvalidArgumentException
+    /// carrying its text. Any thread.
     static std::shared_ptr<QxPlatformApi> createFromQXPlatformConfig(const std::wstring& config);
 
-    // Releases the HTTP client and makes a new one for the current platform URL (honouring
-    // "http_proxy", see WebUtils::createHttpClient). Requests already sent keep the client
-    // they were sent with. Throws what WebUtils::createHttpClient throws. Any thread.
+    /// Releases the HTTP client and makes a new one for the current platform URL (honouring
+    /// "http_proxy", see WebUtils::createHttpClient). Requests already sent keep the client
+    /// they were sent with. Throws what WebUtils::createHttpClient throws. Any thread.
     void createClient();
 
-    // A copy of the platform URL. Never throws. Any thread.
+    /// A copy of the platform URL. Never throws. Any thread.
     std::wstring getPlatformUrl() const;
 
-    // A copy of the API key. Never throws. Any thread.
+    /// A copy of the API key. Never throws. Any thread.
     std::wstring getPlatformApiKey() const;
 
-    // Stores the URL, remakes the HTTP client and clears the current token, so that the next
-    // authorised call fetches a new one. Throws what createClient throws. Any thread.
+    /// Stores the URL, remakes the HTTP client and clears the current token, so that the next
+    /// authorised call fetches a new one. Throws what createClient throws. Any thread.
     void setPlatformUrl(std::wstring url);
 
-    // Stores the key and clears the current token; the HTTP client is kept. Never throws.
-    // Any thread.
+    /// Stores the key and clears the current token; the HTTP client is kept. Never throws.
+    /// Any thread.
     void setPlatformApiKey(std::wstring key);
 
-    // Empties the current token's text and sets its expiry to the epoch (tick count 0); the
-    // account and key set are left as they are. Never throws. Any thread.
+    /// Empties the current token's text and sets its expiry to the epoch (tick count 0); the
+    /// account and key set are left as they are. Never throws. Any thread.
     void clearToken();
 
-    // The current token itself, not a copy, and without any renewal. The reference stays
-    // valid for the object's lifetime, but its fields are rewritten when the token is renewed
-    // (by the heartbeat task every 5 seconds when due, or by any validating call), so read it
-    // only while no other thread can renew it; getCurrentTokenCopy is the safe way to read it
-    // while the object runs. Never throws.
+    /// The current token itself, not a copy, and without any renewal. The reference stays
+    /// valid for the object's lifetime, but its fields are rewritten when the token is renewed
+    /// (by the heartbeat task every 5 seconds when due, or by any validating call), so read it
+    /// only while no other thread can renew it; getCurrentTokenCopy is the safe way to read it
+    /// while the object runs. Never throws.
     const Token& getCurrentToken();
 
-    // A consistent copy of the whole current token (text, account, key set and expiry), taken
-    // under the object's state lock, so it is safe while the heartbeat task or another caller
-    // renews the token. This is the way to read the key set for verification. No renewal.
-    // Never throws except std::bad_alloc. Any thread.
+    /// A consistent copy of the whole current token (text, account, key set and expiry), taken
+    /// under the object's state lock, so it is safe while the heartbeat task or another caller
+    /// renews the token. This is the way to read the key set for verification. No renewal.
+    /// Never throws except std::bad_alloc. Any thread.
     Token getCurrentTokenCopy() const;
 
-    // A copy of the current token's access token text, taken under the object's state lock,
-    // so it is safe while another thread renews the token. No renewal. Never throws.
-    // Any thread.
+    /// A copy of the current token's access token text, taken under the object's state lock,
+    /// so it is safe while another thread renews the token. No renewal. Never throws.
+    /// Any thread.
     std::wstring getCurrentAccessToken() const;
 
-    // Publishes one notification: renews the token when due, then POSTs
-    // {"id", "time", "topic" (lower-cased), "content", "ttl" (only when ttl is not 0),
-    // "source": "Tolva"} to "/notifications/api/v1/notifications" and waits for the answer.
-    // Returns when the platform answered 204. Any other status, and any transport failure,
-    // throws a std::exception whose what() is the HTTP library's text (for a status failure
-    // the response body). pplx::task_canceled passes through unchanged. Sent once, never
-    // retried. Blocks the calling thread; any thread except an HTTP continuation.
+    /// Publishes one notification: renews the token when due, then POSTs
+    /// {"id", "time", "topic" (lower-cased), "content", "ttl" (only when ttl is not 0),
+    /// "source": "Tolva"} to "/notifications/api/v1/notifications" and waits for the answer.
+    /// Returns when the platform answered 204. Any other status, and any transport failure,
+    /// throws a std::exception whose what() is the HTTP library's text (for a status failure
+    /// the response body). pplx::task_canceled passes through unchanged. Sent once, never
+    /// retried. Blocks the calling thread; any thread except an HTTP continuation.
     void postNotification(const std::wstring& topic, const std::wstring& content, unsigned int ttl);
 
-    // Registers a service with the platform's discovery service: validates the record
-    // (IllegalStateException "Missing property ..." before anything is sent), POSTs its JSON to
-    // "/discovery/api/v1/service" with the current token as it stands (no renewal) and, on a
-    // 201 reply, fills inout_serviceInfo->serviceSecret from the reply and enters the record
-    // under the returned "serviceId" (an entry with that id is replaced). The record is
-    // shared, not copied: the heartbeat sees later changes of its health object. From the next
-    // heartbeat pass on the service is kept alive. Any other status (200 included) or a
-    // transport failure throws std::exception with the HTTP library's text (for a status
-    // failure the response body); the secret then stays empty and nothing is entered. A null
-    // pointer is reported through boost::assertion_failed ("inout_serviceInfo") and nothing
-    // is sent. Does not wait for a heartbeat pass. Blocks the calling thread; any thread
-    // except an HTTP continuation.
+    /// Registers a service with the platform's discovery service: validates the record
+    /// (IllegalStateException "Missing property ..." before anything is sent), POSTs its JSON to
+    /// "/discovery/api/v1/service" with the current token as it stands (no renewal) and, on a
+    /// 201 reply, fills inout_serviceInfo->serviceSecret from the reply and enters the record
+    /// under the returned "serviceId" (an entry with that id is replaced). The record is
+    /// shared, not copied: the heartbeat sees later changes of its health object. From the next
+    /// heartbeat pass on the service is kept alive. Any other status (200 included) or a
+    /// transport failure throws std::exception with the HTTP library's text (for a status
+    /// failure the response body); the secret then stays empty and nothing is entered. A null
+    /// pointer is reported through boost::assertion_failed ("inout_serviceInfo") and nothing
+    /// is sent. Does not wait for a heartbeat pass. Blocks the calling thread; any thread
+    /// except an HTTP continuation.
     void registerService(const std::shared_ptr<Model::ModelServiceInfo>& inout_serviceInfo);
 
-    // Forgets the service registered under serviceId (the id the platform returned) and
-    // sends DELETE "/discovery/api/v1/service/<id>/<secret>". The service is forgotten before
-    // the request leaves, whatever the platform answers; a platform or transport failure is
-    // only written to the debug log ("ERROR: QXP unregister service failed: ..."). Throws
-    // Varkel::Zu::InvalidArgumentException "Service not found" when the id is not registered
-    // (nothing is sent). Waits for a heartbeat pass under way. Blocks the calling thread; any
-    // thread except an HTTP continuation.
+    /// Forgets the service registered under serviceId (the id the platform returned) and
+    /// sends DELETE "/discovery/api/v1/service/<id>/<secret>". The service is forgotten before
+    /// the request leaves, whatever the platform answers; a platform or transport failure is
+    /// only written to the debug log ("ERROR: QXP unregister service failed: ..."). Throws
+    /// Varkel::Zu::InvalidArgumentException "Service not found" when the id is not registered
+    /// (nothing is sent). Waits for a heartbeat pass under way. Blocks the calling thread; any
+    /// thread except an HTTP continuation.
     void unregisterService(const std::wstring& serviceId);
 
-    // unregisterService for every registered service, in id order, each failure written to
-    // the debug log. Never throws for a platform failure. Blocks like unregisterService.
+    /// unregisterService for every registered service, in id order, each failure written to
+    /// the debug log. Never throws for a platform failure. Blocks like unregisterService.
     void unregisterAllServices();
 
-    // Creates `mailbox` on the platform subscribed to `subscription` (POST
-    // "/notifications/api/v1/mailbox" with "id", "subscription", "mailboxTTL" when the ttl is
-    // not 0, and "durable"), stores the secret the platform returns (Mailbox::setSecret; left
-    // empty when the reply has none), enters the mailbox in this object's table and queues it
-    // for polling; the first call starts the "Mailbox polling thread". Renews the token first.
-    // Throws std::invalid_argument "Invalid mailbox id" (nil id) or "Invalid mailbox
-    // subscription" (empty) before anything is sent; a status other than 200 or a transport
-    // failure throws std::exception with the HTTP library's text (the body for a status), and
-    // the mailbox is neither entered nor queued. Blocks the calling thread (also for a
-    // heartbeat pass under way); any thread.
+    /// Creates `mailbox` on the platform subscribed to `subscription` (POST
+    /// "/notifications/api/v1/mailbox" with "id", "subscription", "mailboxTTL" when the ttl is
+    /// not 0, and "durable"), stores the secret the platform returns (Mailbox::setSecret; left
+    /// empty when the reply has none), enters the mailbox in this object's table and queues it
+    /// for polling; the first call starts the "Mailbox polling thread". Renews the token first.
+    /// Throws std::invalid_argument "Invalid mailbox id" (nil id) or "Invalid mailbox
+    /// subscription" (empty) before anything is sent; a status other than 200 or a transport
+    /// failure throws std::exception with the HTTP library's text (the body for a status), and
+    /// the mailbox is neither entered nor queued. Blocks the calling thread (also for a
+    /// heartbeat pass under way); any thread.
     void createMailbox(const std::shared_ptr<Mailbox>& mailbox, const std::wstring& subscription);
 
-    // Adds (subscribeTopic) or removes (unsubscribeTopic) a topic subscription of a mailbox:
-    // POST ".../mailbox/<id>/subscribe/<topic>" (".../unsubscribe/...") with the topic
-    // lower-cased and percent-encoded. The mailbox need not have been created by this object.
-    // Renews the token first. Throws std::invalid_argument as createMailbox does (an empty
-    // topic is "Invalid mailbox subscription"), and web::http::http_exception for a status other
-    // than 204 (its text is the response body) or a transport failure. Blocks; any thread.
+    /// Adds (subscribeTopic) or removes (unsubscribeTopic) a topic subscription of a mailbox:
+    /// POST ".../mailbox/<id>/subscribe/<topic>" (".../unsubscribe/...") with the topic
+    /// lower-cased and percent-encoded. The mailbox need not have been created by this object.
+    /// Renews the token first. Throws std::invalid_argument as createMailbox does (an empty
+    /// topic is "Invalid mailbox subscription"), and web::http::http_exception for a status other
+    /// than 204 (its text is the response body) or a transport failure. Blocks; any thread.
     void subscribeTopic(const std::shared_ptr<const Mailbox>& mailbox, const std::wstring& topic);
+    /// Removes a topic subscription of a mailbox; see subscribeTopic.
     void unsubscribeTopic(const std::shared_ptr<const Mailbox>& mailbox, const std::wstring& topic);
 
-    // Forgets the mailbox and deletes it on the platform (DELETE ".../mailbox/<secret>"). The
-    // mailbox is out of this object's table before the request leaves: a failed DELETE is not
-    // retried, and a second call throws. A 404 answer is only a warning. Its outstanding poll, if
-    // any, ends on its own (at the latest after the platform's 30-second wait). Throws
-    // Varkel::Zu::InvalidArgumentException "Mailbox was not created by this instance of the QX
-    // Platform API." for a mailbox this object did not create (nothing is sent), and
-    // web::http::http_exception for a status other than 204 or 404 or a transport failure.
-    // Blocks; any thread.
+    /// Forgets the mailbox and deletes it on the platform (DELETE ".../mailbox/<secret>"). The
+    /// mailbox is out of this object's table before the request leaves: a failed DELETE is not
+    /// retried, and a second call throws. A 404 answer is only a warning. Its outstanding poll, if
+    /// any, ends on its own (at the latest after the platform's 30-second wait). Throws
+    /// Varkel::Zu::InvalidArgumentException "Mailbox was not created by this instance of the QX
+    /// Platform API." for a mailbox this object did not create (nothing is sent), and
+    /// web::http::http_exception for a status other than 204 or 404 or a transport failure.
+    /// Blocks; any thread.
     void deleteMailbox(const std::shared_ptr<const Mailbox>& mailbox);
 
-    // True once a mailbox was created and every mailbox created has since been deleted (or
-    // dropped after an unexpected poll answer). Any thread.
+    /// True once a mailbox was created and every mailbox created has since been deleted (or
+    /// dropped after an unexpected poll answer). Any thread.
     bool hasDeletedMailboxes();
 
-    // Request and reply: creates a temporary mailbox subscribed to replyTopic, posts `content`
-    // on `topic` (no time to live), waits until a notification with non-empty content arrives
-    // on the temporary mailbox or `deadline` passes, deletes the mailbox and returns the
-    // content of the last notification received ("" on time-out; a time-out is not an error).
-    // Throws what createMailbox and postNotification throw; when the post fails, the temporary
-    // mailbox stays created, registered and polled (it is not cleaned up). Blocks the calling
-    // thread until the reply or the deadline; any thread.
+    /// Request and reply: creates a temporary mailbox subscribed to replyTopic, posts `content`
+    /// on `topic` (no time to live), waits until a notification with non-empty content arrives
+    /// on the temporary mailbox or `deadline` passes, deletes the mailbox and returns the
+    /// content of the last notification received ("" on time-out; a time-out is not an error).
+    /// Throws what createMailbox and postNotification throw; when the post fails, the temporary
+    /// mailbox stays created, registered and polled (it is not cleaned up). Blocks the calling
+    /// thread until the reply or the deadline; any thread.
     std::wstring postNotificationAndWaitForReply(
         const std::wstring& topic, const std::wstring& content, const std::wstring& replyTopic,
         const std::chrono::steady_clock::time_point& deadline);
 
   protected:
-    // Requests a new access token ("/identity/connect/token", client-credentials grant) and
-    // then the identity service's key set, and reads the platform account from the token's
-    // "acc" claim. Returns the complete new token; the current token is not changed, except
-    // that it is cleared when either request fails. Throws std::exception: with the HTTP
-    // library's text for transport and status failures (after clearing the current token),
-    // "Invalid JWT token. Expecting 3 parts" or "Invalid JWT token. Does not carry an 'acc'
-    // claim." for a token it cannot read; JSON and Base64 errors pass through as thrown.
-    // Blocks the calling thread for both requests one after the other.
+    /// Requests a new access token ("/identity/connect/token", client-credentials grant) and
+    /// then the identity service's key set, and reads the platform account from the token's
+    /// "acc" claim. Returns the complete new token; the current token is not changed, except
+    /// that it is cleared when either request fails. Throws std::exception: with the HTTP
+    /// library's text for transport and status failures (after clearing the current token),
+    /// "Invalid JWT token. Expecting 3 parts" or "Invalid JWT token. Does not carry an 'acc'
+    /// claim." for a token it cannot read; JSON and Base64 errors pass through as thrown.
+    /// Blocks the calling thread for both requests one after the other.
     Token getToken();
 
-    // Renews the current token when it is empty or fewer than 300 seconds of it remain.
-    // A failed renewal is logged and leaves the token cleared; nothing is thrown. Blocks
-    // while renewing.
+    /// Renews the current token when it is empty or fewer than 300 seconds of it remain.
+    /// A failed renewal is logged and leaves the token cleared; nothing is thrown. Blocks
+    /// while renewing.
     void validateToken();
 
-    // Whether a token needs renewing at the instant now: its text is empty, or it expires
-    // fewer than 300 seconds after now (already expired included).
+    /// Whether a token needs renewing at the instant now: its text is empty, or it expires
+    /// fewer than 300 seconds after now (already expired included).
     static bool isTokenDue(const Token& token, Token::TimePoint now);
 
-    // Starts the heartbeat task on a thread of its own, "QXP heartbeat thread", and returns at
-    // once. Called once by the constructor.
+    /// Starts the heartbeat task on a thread of its own, "QXP heartbeat thread", and returns at
+    /// once. Called once by the constructor.
     void launchHeartbeatTask();
 
-    // The body of the "Mailbox polling thread": takes mailboxes from the mailbox queue and
-    // starts one poll for each, until the running flag is cleared. Also queues the mailboxes
-    // whose retry after a transport failure is due.
+    /// The body of the "Mailbox polling thread": takes mailboxes from the mailbox queue and
+    /// starts one poll for each, until the running flag is cleared. Also queues the mailboxes
+    /// whose retry after a transport failure is due.
     void queryLauncherThreadLoop();
 
-    // Starts one long poll for the mailbox and records its reception task; does not wait. The
-    // answer is handled on a pool thread: 200 hands every notification of the reply to
-    // mailbox->receiveMail in array order and queues the mailbox again; 204 queues it again;
-    // any other status writes "ERROR: Received status code <status> when attempting to get
-    // mail for mailbox : <id>. Will delete mailbox." and drops it from the table (only
-    // locally) when it is still there; a transport failure queues it again after the back-off.
-    // A failure to start the request writes "ERROR: Mailbox with id : <id> cannot receive mail
-    // anymore. ..." and leaves the mailbox out of the cycle.
+    /// Starts one long poll for the mailbox and records its reception task; does not wait. The
+    /// answer is handled on a pool thread: 200 hands every notification of the reply to
+    /// mailbox->receiveMail in array order and queues the mailbox again; 204 queues it again;
+    /// any other status writes "ERROR: Received status code <status> when attempting to get
+    /// mail for mailbox : <id>. Will delete mailbox." and drops it from the table (only
+    /// locally) when it is still there; a transport failure queues it again after the back-off.
+    /// A failure to start the request writes "ERROR: Mailbox with id : <id> cannot receive mail
+    /// anymore. ..." and leaves the mailbox out of the cycle.
     void retrieveMail(const std::shared_ptr<Mailbox>& mailbox);
 
-    // One heartbeat: PUT "/discovery/api/v1/service/<id>/<secret>/health" with the JSON body
-    // null, waited for. 204 writes "TRACE: Heartbeat sent for service <id>"; another status
-    // or a transport failure is logged (capped) and not thrown.
+    /// One heartbeat: PUT "/discovery/api/v1/service/<id>/<secret>/health" with the JSON body
+    /// null, waited for. 204 writes "TRACE: Heartbeat sent for service <id>"; another status
+    /// or a transport failure is logged (capped) and not thrown.
     void sendHeartbeat(const std::wstring& serviceId, const std::wstring& serviceSecret);
 
   private:
     friend std::shared_ptr<web::http::client::http_client> WebUtils::createHttpClient(
         const std::wstring& url, const std::shared_ptr<QxPlatformApi>& api);
 
-    // One reception task per mailbox this object created.
+    /// One reception task per mailbox this object created.
     struct MailboxEntry {
         std::shared_ptr<Mailbox> mailbox;
         pplx::task<void> receptionTask;
     };
 
-    // A registered service as the heartbeat pass sends it: id and secret.
+    /// A registered service as the heartbeat pass sends it: id and secret.
     struct ServiceCredentials {
         std::wstring serviceId;
         std::wstring serviceSecret;
@@ -284,8 +287,8 @@ class TOLVA_EXPORT QxPlatformApi {
     void heartbeatLoop();
     void changeSubscription(const std::shared_ptr<const Mailbox>& mailbox,
                             const std::wstring& topic, bool subscribe);
-    // The parts of one poll: the answer's handling, the back-off after a transport failure,
-    // and the end of the poll's task.
+    /// The parts of one poll: the answer's handling, the back-off after a transport failure,
+    /// and the end of the poll's task.
     struct PollContext;
     pplx::task<void> handlePollResponse(const std::shared_ptr<PollContext>& poll,
                                         pplx::task<web::http::http_response> responseTask);
@@ -299,57 +302,57 @@ class TOLVA_EXPORT QxPlatformApi {
     std::vector<ServiceCredentials> copyServiceTable() const;
     std::shared_ptr<web::http::client::http_client> currentClient() const;
     std::wstring currentAccessToken() const;
-    // "Bearer " + the current access token as it stands, as header text.
+    /// "Bearer " + the current access token as it stands, as header text.
     std::string bearerAuthorization() const;
     void storeToken(const Token& token);
 
     static std::shared_ptr<Varkel::Zu::Logger> logger_;
 
-    // Guards the URL, the key, the current token and the client pointer. These are read by
-    // every request (the heartbeat task and caller threads alike) and rewritten by the
-    // setters and by token renewal; unguarded, that sharing would be a data race. It is held
-    // only to copy or assign those members, never across a request, so concurrent renewals
-    // still both fetch a token and the later assignment wins.
+    /// Guards the URL, the key, the current token and the client pointer. These are read by
+    /// every request (the heartbeat task and caller threads alike) and rewritten by the
+    /// setters and by token renewal; unguarded, that sharing would be a data race. It is held
+    /// only to copy or assign those members, never across a request, so concurrent renewals
+    /// still both fetch a token and the later assignment wins.
     mutable std::mutex stateMutex_;
 
     std::wstring platformUrl_;
     std::wstring apiKey_;
     Token currentToken_;
-    // Guards the mailbox table and the unregistration side of the service table, and is held
-    // by the heartbeat task for each whole pass.
+    /// Guards the mailbox table and the unregistration side of the service table, and is held
+    /// by the heartbeat task for each whole pass.
     std::mutex objectLock_;
-    // Registered services by the id the platform returned.
+    /// Registered services by the id the platform returned.
     std::map<std::wstring, std::shared_ptr<Model::ModelServiceInfo>> serviceTable_;
-    // Registration enters a service from an HTTP continuation without the object lock, so
-    // that it never waits for a heartbeat pass. Unlocked, that insertion would race with the
-    // pass's copy of the table; this leaf lock, held only for a copy, insertion or removal
-    // (and for every read or write of a registered record's secret), makes it well defined
-    // without changing who waits for whom.
+    /// Registration enters a service from an HTTP continuation without the object lock, so
+    /// that it never waits for a heartbeat pass. Unlocked, that insertion would race with the
+    /// pass's copy of the table; this leaf lock, held only for a copy, insertion or removal
+    /// (and for every read or write of a registered record's secret), makes it well defined
+    /// without changing who waits for whom.
     mutable std::mutex serviceTableMutex_;
     std::atomic<bool> running_{false};
-    // The heartbeat loop lives for the object's whole life and waits five seconds at a time,
-    // so it runs on a thread of its own: as a task of the HTTP library's pool it would hold
-    // one of that pool's few threads for good, and a small pool would starve.
+    /// The heartbeat loop lives for the object's whole life and waits five seconds at a time,
+    /// so it runs on a thread of its own: as a task of the HTTP library's pool it would hold
+    /// one of that pool's few threads for good, and a small pool would starve.
     std::shared_ptr<Varkel::Zu::Thread> heartbeatThread_;
     Varkel::Zu::ConditionVariable heartbeatWakeUp_;
     std::shared_ptr<web::http::client::http_client> httpClient_;
     std::map<std::wstring, MailboxEntry> mailboxTable_;
-    // Set by the first successful createMailbox; guarded by the object lock.
+    /// Set by the first successful createMailbox; guarded by the object lock.
     bool mailboxCreated_ = false;
     pplx::cancellation_token_source receptionCancellation_;
     std::shared_ptr<MailboxQueue> mailboxQueue_;
     std::shared_ptr<Varkel::Zu::Thread> queryLauncherThread_;
 
-    // Every poll whose task has not ended yet, deleted mailboxes' included. A deleted
-    // mailbox's task is no longer in the mailbox table, but its continuation still uses this
-    // object; the destructor waits for this count to reach zero so that no continuation
-    // outlives the object. The same lock guards the delayed retries and the back-off state.
+    /// Every poll whose task has not ended yet, deleted mailboxes' included. A deleted
+    /// mailbox's task is no longer in the mailbox table, but its continuation still uses this
+    /// object; the destructor waits for this count to reach zero so that no continuation
+    /// outlives the object. The same lock guards the delayed retries and the back-off state.
     std::mutex pollsMutex_;
     std::condition_variable pollsEnded_;
     std::size_t pollsInFlight_ = 0;
-    // Mailboxes to queue again once their back-off has passed, by due time.
+    /// Mailboxes to queue again once their back-off has passed, by due time.
     std::multimap<std::chrono::steady_clock::time_point, std::shared_ptr<Mailbox>> pollRetries_;
-    // Consecutive transport failures per mailbox id.
+    /// Consecutive transport failures per mailbox id.
     std::map<std::wstring, unsigned int> pollFailures_;
 };
 

@@ -1,5 +1,6 @@
-// WebUtils: how the library makes its HTTP clients, with the proxy taken from the
-// environment and, on request, bearer authorisation added to every request.
+/// @file
+/// WebUtils: how the library makes its HTTP clients, with the proxy taken from the
+/// environment and, on request, bearer authorisation added to every request.
 #pragma once
 
 #include <TolvaCore/TolvaExport.h>
@@ -18,43 +19,43 @@ class QxPlatformApi;
 
 namespace WebUtils {
 
-// Makes an HTTP client for url with the HTTP library's default time-out (30 s per step).
-// Proxy, from the environment variable "http_proxy": unset or empty leaves the system default;
-// exactly "auto" (lower case) selects automatic proxy discovery; anything else is parsed as the
-// proxy's URI. When api is not empty, every request sent through the client gets the header
-// "Authorization: Bearer <token>" with the token text api holds at send time; the client keeps
-// only a weak reference to api, and sends without the header once api is gone.
-// Throws web::uri_exception for a malformed url or "http_proxy" value. Any thread.
+/// Makes an HTTP client for url with the HTTP library's default time-out (30 s per step).
+/// Proxy, from the environment variable "http_proxy": unset or empty leaves the system default;
+/// exactly "auto" (lower case) selects automatic proxy discovery; anything else is parsed as the
+/// proxy's URI. When api is not empty, every request sent through the client gets the header
+/// "Authorization: Bearer <token>" with the token text api holds at send time; the client keeps
+/// only a weak reference to api, and sends without the header once api is gone.
+/// Throws web::uri_exception for a malformed url or "http_proxy" value. Any thread.
 TOLVA_EXPORT std::shared_ptr<web::http::client::http_client> createHttpClient(
     const std::wstring& url, const std::shared_ptr<Rest::QxPlatformApi>& api);
 
-// The HTTP library runs every request's socket work and every continuation (mail delivery to
-// listeners included) on one shared pool of threads per process. Its own default is 40
-// threads, which costs about 27 context switches per request; this library sizes it, before it
-// makes its first client, to:
-//   1. the size given to setHttpThreadPoolSize, if the host called it first; else
-//   2. the environment variable "TOLVA_HTTP_THREADS" (a number from 1 to 256), read once; else
-//   3. kDefaultHttpThreads.
-// A host that initialised the pool itself (crossplat::threadpool::initialize_with_threads)
-// keeps its size; so does a process in which something else used the HTTP library first. In
-// both cases the library logs, once, a warning on "TolvaCore.WebUtil" that its size was not
-// applied.
-//
-// What a small pool means for listeners: a listener that blocks (waits for a lock, sleeps,
-// calls postNotification or postNotificationAndWaitForReply) holds one pool thread until it
-// returns, and the answer it waits for needs another one. With N threads, at most N - 1
-// listeners may block at once; with 1 thread a listener must not block at all. Hand long work
-// to a thread of your own, or size the pool for it.
+/// The HTTP library runs every request's socket work and every continuation (mail delivery to
+/// listeners included) on one shared pool of threads per process. Its own default is 40
+/// threads, which costs about 27 context switches per request; this library sizes it, before it
+/// makes its first client, to:
+///   1. the size given to setHttpThreadPoolSize, if the host called it first; else
+///   2. the environment variable "TOLVA_HTTP_THREADS" (a number from 1 to 256), read once; else
+///   3. kDefaultHttpThreads.
+/// A host that initialised the pool itself (crossplat::threadpool::initialize_with_threads)
+/// keeps its size; so does a process in which something else used the HTTP library first. In
+/// both cases the library logs, once, a warning on "TolvaCore.WebUtil" that its size was not
+/// applied.
+///
+/// What a small pool means for listeners: a listener that blocks (waits for a lock, sleeps,
+/// calls postNotification or postNotificationAndWaitForReply) holds one pool thread until it
+/// returns, and the answer it waits for needs another one. With N threads, at most N - 1
+/// listeners may block at once; with 1 thread a listener must not block at all. Hand long work
+/// to a thread of your own, or size the pool for it.
 constexpr std::size_t kDefaultHttpThreads = 4;
 
-// Sets the pool size the library applies when it first makes a client (see above). Returns
-// true when the size will be applied, false (with a warning log line) when the library has
-// already settled the pool. Throws Varkel::Zu::InvalidArgumentException for 0. Any thread.
+/// Sets the pool size the library applies when it first makes a client (see above). Returns
+/// true when the size will be applied, false (with a warning log line) when the library has
+/// already settled the pool. Throws Varkel::Zu::InvalidArgumentException for 0. Any thread.
 TOLVA_EXPORT bool setHttpThreadPoolSize(std::size_t threads);
 
-// Applies the pool size now, unless it was settled before: called by the library before every
-// client it makes, and by hosts that use the HTTP library themselves before any of their own
-// clients exist. Never throws. Any thread.
+/// Applies the pool size now, unless it was settled before: called by the library before every
+/// client it makes, and by hosts that use the HTTP library themselves before any of their own
+/// clients exist. Never throws. Any thread.
 TOLVA_EXPORT void settleHttpThreadPool() noexcept;
 
 }  // namespace WebUtils

@@ -1,4 +1,5 @@
-// A bounded FIFO queue with deadlines, epochs, pausing, an enabled switch and interrupts.
+/// @class Varkel::Zu::BlockingQueue
+/// A bounded FIFO queue with deadlines, epochs, pausing, an enabled switch and interrupts.
 #pragma once
 
 #include <chrono>
@@ -23,37 +24,40 @@
 namespace Varkel {
 namespace Zu {
 
-// A bounded FIFO of T (front = oldest).
-//
-// Locking: the operations whose names end in NoLock, and the state accessors (getEpoch,
-// setEpoch, nextEpoch, clearAndNextEpoch, keepNewestNoLock, dequeueObjectNoLock,
-// isEnabled, setEnabled, isInterrupted, setInterrupted, empty, size, setPaused, isPaused,
-// clear), must be called with getMutex() locked by the caller; the waiting ones take the
-// caller's std::unique_lock and release it while they wait. The conveniences without
-// NoLock (putObject, getObject, tryPutObject, tryGetObject, shutdown, ...) lock it
-// themselves and must be called without it. Any thread.
-//
-// Epochs: an operation given epoch 0 (Epoch{}) matches every epoch; a non-zero epoch that
-// differs from the queue's makes the operation stale (result 2). Changing the epoch clears
-// the interrupted flag and wakes every waiter, so stale producers and consumers leave.
-//
-// One ConditionVariable serves producers and consumers; every change that can unblock
-// someone notifies all waiters. Deadlines are steady-clock points, checked before each
-// wait, so a deadline in the past never blocks. A waiting operation whose wait is ended by
-// a core thread interrupt (Thread::interrupt) reports it like a time-out.
-//
-// LoggerT supplies getLogger, getTraceLevel, getErrorLevel, isEnabledFor and log as
-// Logger does. The queue's logger is named "ZuCore.BlockingQueue<" + the readable name of
-// T + ">".
+/// A bounded FIFO of T (front = oldest).
+///
+/// Locking: the operations whose names end in NoLock, and the state accessors (getEpoch,
+/// setEpoch, nextEpoch, clearAndNextEpoch, keepNewestNoLock, dequeueObjectNoLock,
+/// isEnabled, setEnabled, isInterrupted, setInterrupted, empty, size, setPaused, isPaused,
+/// clear), must be called with getMutex() locked by the caller; the waiting ones take the
+/// caller's std::unique_lock and release it while they wait. The conveniences without
+/// NoLock (putObject, getObject, tryPutObject, tryGetObject, shutdown, ...) lock it
+/// themselves and must be called without it. Any thread.
+///
+/// Epochs: an operation given epoch 0 (Epoch{}) matches every epoch; a non-zero epoch that
+/// differs from the queue's makes the operation stale (result 2). Changing the epoch clears
+/// the interrupted flag and wakes every waiter, so stale producers and consumers leave.
+///
+/// One ConditionVariable serves producers and consumers; every change that can unblock
+/// someone notifies all waiters. Deadlines are steady-clock points, checked before each
+/// wait, so a deadline in the past never blocks. A waiting operation whose wait is ended by
+/// a core thread interrupt (Thread::interrupt) reports it like a time-out.
+///
+/// LoggerT supplies getLogger, getTraceLevel, getErrorLevel, isEnabledFor and log as
+/// Logger does. The queue's logger is named "ZuCore.BlockingQueue<" + the readable name of
+/// T + ">".
 template <class T, class Epoch = int, class LoggerT = Logger>
 class BlockingQueue : public BlockingQueueBase {
   public:
+    /// The lock the waiting operations take and release while they wait.
     using Lock = std::unique_lock<std::mutex>;
+    /// The clock of every deadline.
     using Clock = std::chrono::steady_clock;
+    /// A deadline.
     using TimePoint = Clock::time_point;
 
-    // An enabled, unpaused, empty queue holding at most `capacity` elements, at epoch
-    // `epoch`. Throws InvalidArgumentException for capacity 0.
+    /// An enabled, unpaused, empty queue holding at most `capacity` elements, at epoch
+    /// `epoch`. Throws InvalidArgumentException for capacity 0.
     explicit BlockingQueue(std::size_t capacity = ZU_MAXUINT32, const Epoch& epoch = Epoch{})
         : _capacity(capacity), _epoch(epoch) {
         if (capacity == 0) {
@@ -61,9 +65,9 @@ class BlockingQueue : public BlockingQueueBase {
         }
     }
 
-    // Must not run while anyone holds or waits on the mutex: asserts "lock.try_lock()"
-    // (an assertion failure in a destructor ends the process). Logs at error level the
-    // number of elements still queued, then "~Dtor end" at trace level.
+    /// Must not run while anyone holds or waits on the mutex: asserts "lock.try_lock()"
+    /// (an assertion failure in a destructor ends the process). Logs at error level the
+    /// number of elements still queued, then "~Dtor end" at trace level.
     ~BlockingQueue() override {
         {
             Lock lock(_mutex, std::defer_lock);
@@ -77,10 +81,10 @@ class BlockingQueue : public BlockingQueueBase {
         logAt(LoggerT::getTraceLevel(), ZU_LOCATION, [] { return std::wstring(L"~Dtor end"); });
     }
 
-    // Waiting put: appends `obj` when the queue is not paused, not full and `epoch` is 0
-    // or current; otherwise waits until that holds or the deadline passes (1). A non-zero
-    // epoch older than the current one is stale (2); a newer one waits for the queue to
-    // reach it. Disabled: 3, also when disabled during the wait.
+    /// Waiting put: appends `obj` when the queue is not paused, not full and `epoch` is 0
+    /// or current; otherwise waits until that holds or the deadline passes (1). A non-zero
+    /// epoch older than the current one is stale (2); a newer one waits for the queue to
+    /// reach it. Disabled: 3, also when disabled during the wait.
     virtual PutResult putObjectNoLock(Lock& lock, const T& obj, const TimePoint& deadline,
                                       const Epoch& epoch) {
         if (!_enabled) {
@@ -104,7 +108,7 @@ class BlockingQueue : public BlockingQueueBase {
         return PutStaleEpoch;
     }
 
-    // Non-waiting put: 3 disabled, 2 stale, 5 paused, 4 full, else 0.
+    /// Non-waiting put: 3 disabled, 2 stale, 5 paused, 4 full, else 0.
     virtual PutResult tryPutObjectNoLock(Lock& lock, const T& obj, const Epoch& epoch) {
         if (!_enabled) {
             return PutDisabled;
@@ -122,8 +126,8 @@ class BlockingQueue : public BlockingQueueBase {
         return PutStored;
     }
 
-    // Put that makes room: on a full queue drops the oldest element first (6); else as
-    // tryPutObjectNoLock without the full case.
+    /// Put that makes room: on a full queue drops the oldest element first (6); else as
+    /// tryPutObjectNoLock without the full case.
     virtual PutResult tryPutObjectDropFrontNoLock(Lock& lock, const T& obj, const Epoch& epoch) {
         if (!_enabled) {
             return PutDisabled;
@@ -144,8 +148,8 @@ class BlockingQueue : public BlockingQueueBase {
         return result;
     }
 
-    // As putObjectNoLock, ignoring the paused state; any non-zero epoch differing from the
-    // current one (also while waiting) is stale (2).
+    /// As putObjectNoLock, ignoring the paused state; any non-zero epoch differing from the
+    /// current one (also while waiting) is stale (2).
     virtual PutResult putObjectIgnorePauseNoLock(Lock& lock, const T& obj,
                                                  const TimePoint& deadline, const Epoch& epoch) {
         if (!_enabled) {
@@ -169,33 +173,34 @@ class BlockingQueue : public BlockingQueueBase {
         return PutStaleEpoch;
     }
 
+    /// The queue's current epoch.
     virtual Epoch getEpoch() { return _epoch; }
 
-    // Sets the epoch, clears the interrupted flag and wakes every waiter.
+    /// Sets the epoch, clears the interrupted flag and wakes every waiter.
     virtual void setEpoch(const Epoch& epoch) {
         _epoch = epoch;
         _interrupted = false;
         _condition.notifyAll();
     }
 
-    // Advances the epoch by one, clears the interrupted flag and wakes every waiter.
+    /// Advances the epoch by one, clears the interrupted flag and wakes every waiter.
     virtual void nextEpoch() {
         ++_epoch;
         _interrupted = false;
         _condition.notifyAll();
     }
 
-    // clear(), then nextEpoch().
+    /// clear(), then nextEpoch().
     virtual void clearAndNextEpoch() {
         clear();
         nextEpoch();
     }
 
-    // Waiting take: copies the front element to `out` and, unless `peek`, removes it (0).
-    // Waits while the queue is empty, or paused and not peeking. Checked in order on each
-    // round: interrupted (6), stale epoch (2). Disabled: 3, also when disabled during the
-    // wait. When the deadline passes it logs "Blocking queue getObject() timed out" at
-    // trace level and returns 1.
+    /// Waiting take: copies the front element to `out` and, unless `peek`, removes it (0).
+    /// Waits while the queue is empty, or paused and not peeking. Checked in order on each
+    /// round: interrupted (6), stale epoch (2). Disabled: 3, also when disabled during the
+    /// wait. When the deadline passes it logs "Blocking queue getObject() timed out" at
+    /// trace level and returns 1.
     virtual GetResult getObjectNoLock(Lock& lock, T& out, const TimePoint& deadline,
                                       const Epoch& epoch, bool peek) {
         if (!_enabled) {
@@ -234,8 +239,8 @@ class BlockingQueue : public BlockingQueueBase {
         return GetTimedOut;
     }
 
-    // Non-waiting take: 6 interrupted, 3 disabled, 2 stale, 5 paused (unless peeking),
-    // 4 empty, else 0.
+    /// Non-waiting take: 6 interrupted, 3 disabled, 2 stale, 5 paused (unless peeking),
+    /// 4 empty, else 0.
     virtual GetResult tryGetObjectNoLock(T& out, const Epoch& epoch, bool peek) {
         if (_interrupted) {
             return GetInterrupted;
@@ -263,9 +268,9 @@ class BlockingQueue : public BlockingQueueBase {
         return GetDelivered;
     }
 
-    // When enabled and not empty: copies the newest element to `out`, empties the queue
-    // and, when `reput`, puts that element back with tryPutObjectNoLock (epoch 0; a paused
-    // queue refuses it). Returns whether there was an element.
+    /// When enabled and not empty: copies the newest element to `out`, empties the queue
+    /// and, when `reput`, puts that element back with tryPutObjectNoLock (epoch 0; a paused
+    /// queue refuses it). Returns whether there was an element.
     virtual bool keepNewestNoLock(Lock& lock, T& out, bool reput) {
         if (!_enabled || _queue.empty()) {
             return false;
@@ -282,8 +287,8 @@ class BlockingQueue : public BlockingQueueBase {
         return true;
     }
 
-    // Removes the first element equal to `obj` (every one when `all`), keeping the order
-    // of the rest. Returns whether anything was removed.
+    /// Removes the first element equal to `obj` (every one when `all`), keeping the order
+    /// of the rest. Returns whether anything was removed.
     virtual bool dequeueObjectNoLock(const T& obj, bool all) {
         const bool wasFull = _queue.size() >= _capacity;
         std::deque<T> newQueue;
@@ -305,9 +310,10 @@ class BlockingQueue : public BlockingQueueBase {
         return removed;
     }
 
+    /// Whether the queue is enabled (a disabled queue answers every operation with 3).
     virtual bool isEnabled() { return _enabled; }
 
-    // Disabling wakes every waiter, which then returns 3.
+    /// Disabling wakes every waiter, which then returns 3.
     virtual void setEnabled(bool enabled) {
         _enabled = enabled;
         if (!enabled) {
@@ -315,10 +321,11 @@ class BlockingQueue : public BlockingQueueBase {
         }
     }
 
+    /// Whether the interrupted flag is set.
     virtual bool isInterrupted() { return _interrupted; }
 
-    // Setting the flag wakes every waiter; waiting takes then return 6 until the flag is
-    // cleared (setInterrupted(false), setEpoch, nextEpoch).
+    /// Setting the flag wakes every waiter; waiting takes then return 6 until the flag is
+    /// cleared (setInterrupted(false), setEpoch, nextEpoch).
     virtual void setInterrupted(bool interrupted) {
         _interrupted = interrupted;
         if (interrupted) {
@@ -326,11 +333,13 @@ class BlockingQueue : public BlockingQueueBase {
         }
     }
 
+    /// Whether no element is queued.
     virtual bool empty() { return _queue.empty(); }
+    /// The number of elements queued.
     virtual std::size_t size() { return _queue.size(); }
 
-    // 3 when disabled; 1 when pausing a paused queue, 2 when unpausing a running one;
-    // else changes the state and returns 0 (unpausing wakes every waiter).
+    /// 3 when disabled; 1 when pausing a paused queue, 2 when unpausing a running one;
+    /// else changes the state and returns 0 (unpausing wakes every waiter).
     virtual PauseResult setPaused(bool paused) {
         if (!_enabled) {
             return PauseDisabled;
@@ -345,51 +354,55 @@ class BlockingQueue : public BlockingQueueBase {
         return PauseChanged;
     }
 
+    /// Whether the queue is paused.
     virtual bool isPaused() { return _paused; }
 
-    // Empties the queue and wakes every waiter.
+    /// Empties the queue and wakes every waiter.
     virtual void clear() {
         _queue.clear();
         _condition.notifyAll();
     }
 
-    // --- Conveniences: each locks the mutex itself. ---
+    /// --- Conveniences: each locks the mutex itself. ---
 
-    // The queue's mutex, to be locked around the NoLock operations and state accessors.
+    /// The queue's mutex, to be locked around the NoLock operations and state accessors.
     std::mutex& getMutex() { return _mutex; }
 
-    // putObjectNoLock with a deadline `timeoutMs` from now (ZU_TIMEOUT_INFINITE: none).
+    /// putObjectNoLock with a deadline `timeoutMs` from now (ZU_TIMEOUT_INFINITE: none).
     PutResult putObject(const T& obj, unsigned int timeoutMs = ZU_TIMEOUT_INFINITE,
                         const Epoch& epoch = Epoch{}) {
         Lock lock(_mutex);
         return putObjectNoLock(lock, obj, deadlineAfter(timeoutMs), epoch);
     }
 
+    /// tryPutObjectNoLock under the queue's mutex.
     PutResult tryPutObject(const T& obj, const Epoch& epoch = Epoch{}) {
         Lock lock(_mutex);
         return tryPutObjectNoLock(lock, obj, epoch);
     }
 
+    /// tryPutObjectDropFrontNoLock under the queue's mutex.
     PutResult tryPutObjectDropFront(const T& obj, const Epoch& epoch = Epoch{}) {
         Lock lock(_mutex);
         return tryPutObjectDropFrontNoLock(lock, obj, epoch);
     }
 
-    // getObjectNoLock with a deadline `timeoutMs` from now (ZU_TIMEOUT_INFINITE: none).
+    /// getObjectNoLock with a deadline `timeoutMs` from now (ZU_TIMEOUT_INFINITE: none).
     GetResult getObject(T& out, unsigned int timeoutMs = ZU_TIMEOUT_INFINITE,
                         const Epoch& epoch = Epoch{}, bool peek = false) {
         Lock lock(_mutex);
         return getObjectNoLock(lock, out, deadlineAfter(timeoutMs), epoch, peek);
     }
 
+    /// tryGetObjectNoLock under the queue's mutex.
     GetResult tryGetObject(T& out, const Epoch& epoch = Epoch{}, bool peek = false) {
         Lock lock(_mutex);
         return tryGetObjectNoLock(out, epoch, peek);
     }
 
-    // Disables the queue if it is enabled, which wakes every waiter with the disabled
-    // result; used when the owner shuts down. (The queue has no parent-queue link to
-    // inform; link mutex and link were left out as nothing links queues.)
+    /// Disables the queue if it is enabled, which wakes every waiter with the disabled
+    /// result; used when the owner shuts down. (The queue has no parent-queue link to
+    /// inform; link mutex and link were left out as nothing links queues.)
     void shutdown() {
         Lock lock(_mutex);
         if (_enabled) {
@@ -397,11 +410,11 @@ class BlockingQueue : public BlockingQueueBase {
         }
     }
 
-    // Diagnostics: waits registered on the queue's condition since it last woke everyone
-    // (see ConditionVariableBase::getWaiterCount). Needs no lock.
+    /// Diagnostics: waits registered on the queue's condition since it last woke everyone
+    /// (see ConditionVariableBase::getWaiterCount). Needs no lock.
     std::uint32_t getWaiterCount() const { return _condition.getWaiterCount(); }
 
-    // The logger of this instantiation.
+    /// The logger of this instantiation.
     static const std::shared_ptr<LoggerT>& getLogger() {
         static const std::shared_ptr<LoggerT> logger =
             LoggerT::getLogger("ZuCore.BlockingQueue<" + CommonUtil::getNiceTypeName<T>() + ">");

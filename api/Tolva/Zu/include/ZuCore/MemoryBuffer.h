@@ -1,4 +1,5 @@
-// MemoryBuffer: an owned, resizable block of bytes (the result of Base64 decoding).
+/// @class Varkel::Zu::MemoryBuffer
+/// MemoryBuffer: an owned, resizable block of bytes (the result of Base64 decoding).
 #pragma once
 
 #include <cstddef>
@@ -10,49 +11,58 @@
 namespace Varkel {
 namespace Zu {
 
-// A byte buffer. Copyable and movable. Not synchronised: concurrent reads are safe, a write
-// is not.
+/// A byte buffer. Copyable and movable. Not synchronised: concurrent reads are safe, a write
+/// is not.
 class ZU_EXPORT MemoryBuffer {
   public:
-    // Empty buffer.
+    /// Empty buffer.
     MemoryBuffer();
-    // `size` zero bytes.
+    /// `size` zero bytes.
     explicit MemoryBuffer(std::size_t size);
-    // A copy of `size` bytes at `data` (data may be null when size is 0).
+    /// A copy of `size` bytes at `data` (data may be null when size is 0).
     MemoryBuffer(const unsigned char* data, std::size_t size);
-    // Takes over the bytes.
+    /// Takes over the bytes.
     explicit MemoryBuffer(std::vector<unsigned char> bytes) noexcept;
-    // The bytes of a string.
+    /// The bytes of a string.
     static MemoryBuffer fromString(const std::string& bytes);
 
+    /// Copies the bytes.
     MemoryBuffer(const MemoryBuffer&);
+    /// Takes the bytes; the other buffer is left empty.
     MemoryBuffer(MemoryBuffer&&) noexcept;
+    /// Copies the bytes.
     MemoryBuffer& operator=(const MemoryBuffer&);
+    /// Takes the bytes; the other buffer is left empty.
     MemoryBuffer& operator=(MemoryBuffer&&) noexcept;
     virtual ~MemoryBuffer();
 
-    // Number of bytes.
+    /// Number of bytes.
     std::size_t getSize() const noexcept { return bytes_.size(); }
+    /// Whether the buffer holds no byte.
     bool isEmpty() const noexcept { return bytes_.empty(); }
 
-    // The bytes (getSize() of them); null for an empty buffer. Valid until the buffer is
-    // changed or destroyed.
+    ///@{
+    /// The bytes (getSize() of them); null for an empty buffer. Valid until the buffer is
+    /// changed or destroyed.
     const unsigned char* getData() const noexcept {
         return bytes_.empty() ? nullptr : bytes_.data();
     }
     unsigned char* getData() noexcept { return bytes_.empty() ? nullptr : bytes_.data(); }
+    ///@}
 
-    // Changes the size; new bytes are zero.
+    /// Changes the size; new bytes are zero.
     void resize(std::size_t size);
-    // Appends `size` bytes.
+    /// Appends `size` bytes.
     void append(const unsigned char* data, std::size_t size);
 
-    // The bytes as a std::string (binary safe).
+    /// The bytes as a std::string (binary safe).
     std::string toString() const;
-    // The bytes as a vector.
+    /// The bytes as a vector.
     const std::vector<unsigned char>& toVector() const noexcept { return bytes_; }
 
+    /// Equal when both hold the same bytes.
     bool operator==(const MemoryBuffer& other) const noexcept { return bytes_ == other.bytes_; }
+    /// Equal when both hold the same bytes.
     bool operator!=(const MemoryBuffer& other) const noexcept { return bytes_ != other.bytes_; }
 
   private:

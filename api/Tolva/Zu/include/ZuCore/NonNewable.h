@@ -1,4 +1,5 @@
-// NonNewable: base of helper objects that must not be allocated with a plain new.
+/// @class Varkel::Zu::NonNewable
+/// NonNewable: base of helper objects that must not be allocated with a plain new.
 #pragma once
 
 #include <cstddef>
@@ -6,9 +7,9 @@
 namespace Varkel {
 namespace Zu {
 
-// Deletes the class-specific operator new (single and array), so `new Derived` does not
-// compile: such objects live on the stack, as members, or inside std::make_shared (which
-// constructs in place and does not use the class's operator new).
+/// Deletes the class-specific operator new (single and array), so `new Derived` does not
+/// compile: such objects live on the stack, as members, or inside std::make_shared (which
+/// constructs in place and does not use the class's operator new).
 class NonNewable {
   public:
     static void* operator new(std::size_t) = delete;

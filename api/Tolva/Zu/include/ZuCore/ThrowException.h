@@ -1,11 +1,12 @@
-// The one way ZuCore-based code throws: log the throw on the root logger, then throw.
-//
-//   ZU_THROW(InvalidArgumentException, L"Service not found");
-//
-// logs at error level on the root logger
-//   THROWING EXCEPTION with message : Service not found in <function signature>
-//   (<source path without extension>(<line>))
-// (one line) and throws InvalidArgumentException(message, location).
+/// @file
+/// The one way ZuCore-based code throws: log the throw on the root logger, then throw.
+///
+///   ZU_THROW(InvalidArgumentException, L"Service not found");
+///
+/// logs at error level on the root logger
+///   `THROWING EXCEPTION with message : Service not found in <function signature>`
+///   `(<source path without extension>(<line>))`
+/// (one line) and throws InvalidArgumentException(message, location).
 #pragma once
 
 #include <string>
@@ -17,20 +18,20 @@
 namespace Varkel {
 namespace Zu {
 
-// The text of the throw log line: "THROWING EXCEPTION with message : " + message + " in " +
-// function + " (" + file without extension + "(" + line + "))".
+/// The text of the throw log line: "THROWING EXCEPTION with message : " + message + " in " +
+/// function + " (" + file without extension + "(" + line + "))".
 ZU_EXPORT std::wstring formatThrowingLine(const std::wstring& message,
                                           const LoggerLocationInfo& where);
 
-// Writes the throw line for `message` at `where` on the root logger at error level (if that
-// level is enabled). For code that logs the line and then throws some other exception type.
-// Does not throw. Any thread.
+/// Writes the throw line for `message` at `where` on the root logger at error level (if that
+/// level is enabled). For code that logs the line and then throws some other exception type.
+/// Does not throw. Any thread.
 ZU_EXPORT void logThrowing(const std::wstring& message, const LoggerLocationInfo& where) noexcept;
-// Same, for a UTF-8 message.
+/// Same, for a UTF-8 message.
 ZU_EXPORT void logThrowing(const std::string& message, const LoggerLocationInfo& where) noexcept;
 
-// Logs the throw line, then throws ExceptionType(message, where). ExceptionType is one of the
-// ZuCore exceptions (or anything constructible from (StringHolder, LoggerLocationInfo)).
+/// Logs the throw line, then throws ExceptionType(message, where). ExceptionType is one of the
+/// ZuCore exceptions (or anything constructible from (StringHolder, LoggerLocationInfo)).
 template <class ExceptionType>
 [[noreturn]] void throwException(const std::wstring& message, const LoggerLocationInfo& where) {
     logThrowing(message, where);
@@ -40,6 +41,6 @@ template <class ExceptionType>
 }  // namespace Zu
 }  // namespace Varkel
 
-// Logs and throws ExceptionType with the wide message, located at the macro's call site.
+/// Logs and throws ExceptionType with the wide message, located at the macro's call site.
 #define ZU_THROW(ExceptionType, message) \
     ::Varkel::Zu::throwException<ExceptionType>(::std::wstring(message), ZU_LOCATION)
