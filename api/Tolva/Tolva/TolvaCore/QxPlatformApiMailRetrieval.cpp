@@ -6,6 +6,7 @@
 
 #include "private/ApiDefaults.h"
 #include "private/MailboxListenerWithWait.h"
+#include "private/PollDelivery.h"
 #include "private/RestCall.h"
 
 #include <ZuCore/CommonUtil.h>
@@ -33,18 +34,6 @@ using web::http::http_response;
 using web::http::status_codes;
 using web::json::value;
 using SteadyClock = std::chrono::steady_clock;
-
-namespace {
-
-// A string member of a notification, "" when it is missing.
-std::wstring memberText(const value& notification, const char* name) {
-    if (!notification.is_object() || !notification.has_field(name)) {
-        return L"";
-    }
-    return widen(notification.at(name).as_string());
-}
-
-}  // namespace
 
 // One poll as its continuations share it. The mailbox may hold (through a host's listener) the
 // last reference to the API object, so only the poll's last continuation lets it go, after the
@@ -178,13 +167,7 @@ pplx::task<void> QxPlatformApi::handlePollResponse(const std::shared_ptr<PollCon
         }
         return response.extract_json(true).then([this, poll](pplx::task<value> bodyTask) {
             const std::shared_ptr<Mailbox>& held = poll->mailbox;
-            const value body = bodyTask.get();
-            // Copied first: the listeners run on the copy.
-            const std::vector<value> notifications(body.as_array().begin(), body.as_array().end());
-            for (const value& notification : notifications) {
-                held->receiveMail(memberText(notification, "topic"),
-                                  memberText(notification, "content"));
-            }
+            deliverPollBody(bodyTask.get(), *held);
             mailboxQueue_->putObject(held, ZU_TIMEOUT_INFINITE);
         });
     }
