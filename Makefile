@@ -19,7 +19,7 @@ ASAN_ENV := ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1:
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1:suppressions=$(SAN_DIR)/ubsan.supp
 TSAN_ENV := TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(SAN_DIR)/tsan.supp:report_signal_unsafe=0
 
-.PHONY: all deps build test test-asan test-tsan demo run docs format clean
+.PHONY: all deps build test test-asan test-tsan demo run docs fuzz fuzz-build fuzz-smoke format clean
 
 all: build
 
@@ -61,8 +61,26 @@ test-tsan: deps
 docs: build
 	cmake --build build --target docs
 
+# Fuzzing with libFuzzer (Clang, AddressSanitizer and UndefinedBehaviorSanitizer) in
+# build-fuzz: `make fuzz` runs each target for FUZZ_SECONDS, `make fuzz-smoke` (CI) for a
+# fixed number of inputs over the seeds in tests/fuzz/corpus.
+FUZZ_PACKAGES := clang libclang-rt-14-dev
+FUZZ_SECONDS ?= 60
+FUZZ_RUNS ?= 3000
+
+fuzz-build: deps
+	@sh scripts/install-packages.sh $(FUZZ_PACKAGES)
+	$(call configure,build-fuzz,-DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ -DTOLVA_FUZZ=ON -DTOLVA_SANITIZE=address$(COMMA)undefined -DTOLVA_BUILD_TESTS=OFF -DTOLVA_BUILD_BENCH=OFF -DTOLVA_BUILD_TOOLS=OFF)
+	cmake --build build-fuzz -j $(JOBS)
+
+fuzz: fuzz-build
+	$(ASAN_ENV) sh scripts/run-fuzzers.sh build-fuzz time $(FUZZ_SECONDS)
+
+fuzz-smoke: fuzz-build
+	$(ASAN_ENV) sh scripts/run-fuzzers.sh build-fuzz runs $(FUZZ_RUNS)
+
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i
 
 clean:
-	rm -rf build build-asan build-tsan
+	rm -rf build build-asan build-tsan build-fuzz

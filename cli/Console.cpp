@@ -10,7 +10,11 @@ namespace tolva {
 
 namespace {
 
-std::mutex g_mutex;
+// Never destroyed: the HTTP library's threads may still print while the process exits.
+std::mutex& consoleMutex() {
+    static std::mutex* const made = new std::mutex;
+    return *made;
+}
 // The tool's standard output; stdout until claimStandardOutput moves it.
 std::FILE* g_out = nullptr;
 
@@ -21,7 +25,7 @@ std::FILE* output() {
 }  // namespace
 
 void Console::claimStandardOutput(bool libraryPrintsVisible) {
-    std::lock_guard<std::mutex> lock(g_mutex);
+    std::lock_guard<std::mutex> lock(consoleMutex());
     if (g_out) {
         return;
     }
@@ -51,20 +55,20 @@ void Console::claimStandardOutput(bool libraryPrintsVisible) {
 }
 
 void Console::out(const std::string& line) {
-    std::lock_guard<std::mutex> lock(g_mutex);
+    std::lock_guard<std::mutex> lock(consoleMutex());
     std::fwrite(line.data(), 1, line.size(), output());
     std::fputc('\n', output());
     std::fflush(output());
 }
 
 void Console::outPartial(const std::string& text) {
-    std::lock_guard<std::mutex> lock(g_mutex);
+    std::lock_guard<std::mutex> lock(consoleMutex());
     std::fwrite(text.data(), 1, text.size(), output());
     std::fflush(output());
 }
 
 void Console::err(const std::string& line) {
-    std::lock_guard<std::mutex> lock(g_mutex);
+    std::lock_guard<std::mutex> lock(consoleMutex());
     std::fwrite(line.data(), 1, line.size(), stderr);
     std::fputc('\n', stderr);
     std::fflush(stderr);

@@ -18,8 +18,16 @@ namespace tolva {
 
 namespace {
 
-std::mutex g_errorMutex;
-std::string g_lastError;
+// Never destroyed: the library's threads may still log while the process exits.
+struct LastError {
+    std::mutex mutex;
+    std::string text;
+};
+
+LastError& lastError() {
+    static LastError* const made = new LastError;
+    return *made;
+}
 
 std::string trimmed(std::string text) {
     const auto end = text.find_last_not_of(" \t\r\n");
@@ -94,15 +102,15 @@ void PlatformConnection::watchLibraryErrors() {
                                  const std::wstring& message,
                                  const Varkel::Zu::LoggerLocationInfo&) {
         if (level.toInt() >= Logger::getErrorLevel().toInt()) {
-            std::lock_guard<std::mutex> lock(g_errorMutex);
-            g_lastError = Varkel::Zu::narrow(message);
+            std::lock_guard<std::mutex> lock(lastError().mutex);
+            lastError().text = Varkel::Zu::narrow(message);
         }
     });
 }
 
 std::string PlatformConnection::lastLibraryError() {
-    std::lock_guard<std::mutex> lock(g_errorMutex);
-    return g_lastError;
+    std::lock_guard<std::mutex> lock(lastError().mutex);
+    return lastError().text;
 }
 
 }  // namespace tolva

@@ -12,9 +12,18 @@ namespace tolva {
 
 namespace {
 
-std::mutex g_mutex;
-std::condition_variable g_changed;
-bool g_requested = false;
+// Made once and never destroyed: the signal thread and the HTTP library's threads (through
+// notify) may still use it while the process runs its exit handlers.
+struct State {
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool requested = false;
+};
+
+State& state() {
+    static State* const made = new State;
+    return *made;
+}
 
 sigset_t stopSignals() {
     sigset_t set;
@@ -37,36 +46,34 @@ void StopSignal::install() {
             if (sigwait(&waited, &signal) != 0) {
                 continue;
             }
-            {
-                std::lock_guard<std::mutex> lock(g_mutex);
-                if (g_requested) {
-                    static const char kText[] = "\ntolva: stopped\n";
-                    (void)!::write(STDERR_FILENO, kText, sizeof kText - 1);
-                    ::_exit(130);
-                }
-                g_requested = true;
+            std::lock_guard<std::mutex> lock(state().mutex);
+            if (state().requested) {
+                static const char kText[] = "\ntolva: stopped\n";
+                (void)!::write(STDERR_FILENO, kText, sizeof kText - 1);
+                ::_exit(130);
             }
-            g_changed.notify_all();
+            state().requested = true;
+            state().changed.notify_all();
         }
     }).detach();
 }
 
 bool StopSignal::requested() {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    return g_requested;
+    std::lock_guard<std::mutex> lock(state().mutex);
+    return state().requested;
 }
 
 bool StopSignal::waitUntil(std::chrono::steady_clock::time_point deadline,
                            const std::function<bool()>& ready) {
-    std::unique_lock<std::mutex> lock(g_mutex);
-    g_changed.wait_until(lock, deadline, [&ready] { return g_requested || ready(); });
+    std::unique_lock<std::mutex> lock(state().mutex);
+    state().changed.wait_until(lock, deadline, [&ready] { return state().requested || ready(); });
     return ready();
 }
 
 void StopSignal::notify() {
-    // Taking the lock orders this wake-up after a waiter's check of its predicate.
-    { std::lock_guard<std::mutex> lock(g_mutex); }
-    g_changed.notify_all();
+    // Under the lock: ordered after a waiter's check of its predicate.
+    std::lock_guard<std::mutex> lock(state().mutex);
+    state().changed.notify_all();
 }
 
 }  // namespace tolva

@@ -14,3 +14,12 @@ if(TOLVA_SANITIZE)
     add_compile_options(${_tolva_san_flags})
     add_link_options(-fsanitize=${TOLVA_SANITIZE})
 endif()
+
+# TOLVA_FUZZ adds libFuzzer's coverage instrumentation to everything we build; the fuzz
+# targets themselves link libFuzzer's main (tests/fuzz).
+if(TOLVA_FUZZ)
+    if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+        message(FATAL_ERROR "TOLVA_FUZZ needs Clang (CMAKE_CXX_COMPILER=clang++)")
+    endif()
+    add_compile_options(-fsanitize=fuzzer-no-link)
+endif()

@@ -2,7 +2,9 @@
 
 // GCC's maybe-uninitialized analysis reports a false positive inside libstdc++'s <regex>
 // (in std::function members of its automaton) when building with the sanitizers.
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 
 #include <regex>
 #include <stdexcept>
