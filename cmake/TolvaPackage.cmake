@@ -1,5 +1,7 @@
-# Installs the CMake package: find_package(TolvaCore CONFIG REQUIRED) then link
-# Tolva::TolvaCore (or Tolva::ZuCore alone).
+# Installs the CMake package (find_package(TolvaCore CONFIG REQUIRED), then link
+# Tolva::TolvaCore or Tolva::ZuCore alone) and a pkg-config file (tolvacore.pc), and sets up
+# CPack to make a Debian package of the whole installed tree (`cpack -G DEB` in the build
+# folder).
 include(CMakePackageConfigHelpers)
 
 set(TOLVA_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/TolvaCore)
@@ -22,3 +24,30 @@ install(FILES
     ${PROJECT_BINARY_DIR}/TolvaCoreConfig.cmake
     ${PROJECT_BINARY_DIR}/TolvaCoreConfigVersion.cmake
     DESTINATION ${TOLVA_CMAKE_DIR})
+
+file(RELATIVE_PATH TOLVA_PC_UP /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+configure_file(${PROJECT_SOURCE_DIR}/cmake/tolvacore.pc.in ${PROJECT_BINARY_DIR}/tolvacore.pc
+    @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/tolvacore.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# One Debian package: libraries, headers, CMake and pkg-config files, tolva and qxp-emulator,
+# installed under /usr. The run-time dependencies come from dpkg-shlibdeps; the development
+# packages are there because the public headers include theirs.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME tolvacore)
+set(CPACK_PACKAGE_VENDOR "TolvaCore")
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+set(CPACK_PACKAGE_DESCRIPTION
+    "TolvaCore talks to the QX Platform over REST: OAuth2 client-credentials tokens, \
+notifications, service registration with heartbeats, mailboxes with long polling, request \
+and reply, and verification of platform-issued JWTs. With the tolva tool and the \
+qxp-emulator platform emulator.")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "TolvaCore developers <tolvacore-dev@localhost>")
+set(CPACK_DEBIAN_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS
+    "libcpprest-dev, libboost-dev, libboost-system-dev, libboost-thread-dev, libssl-dev")
+include(CPack)
