@@ -1,0 +1,264 @@
+// The fault matrix: the platform down at start, restarted under long polls and heartbeats
+// (keeping or losing its state), answering slowly, refusing every call for a while, failing in
+// bursts, dropping connections, issuing short-lived tokens and failing its key set. In every
+// case the object keeps what it promises to keep, resumes by itself where the platform kept
+// its state, and its destructor ends and writes its "It took N ms" line.
+#include "MailTestSupport.h"
+#include "ModelTestSupport.h"
+
+#include <functional>
+#include <thread>
+
+namespace TolvaRestTest {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+class FaultMatrixTest : public MailTest {
+  protected:
+    // Waits until `condition` holds or `timeout` passes; returns its last value. For what the
+    // library's own threads change without a signal a test could wait on (logger records,
+    // debug-log lines, a mailbox dropped after a poll).
+    static bool waitUntil(const std::function<bool()>& condition,
+                          std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+        const auto deadline = Clock::now() + timeout;
+        while (!condition()) {
+            if (Clock::now() >= deadline) {
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return true;
+    }
+
+    // Waits until a logger record holds `text` or `timeout` passes.
+    static bool waitForRecord(const LogRecords& records, const std::wstring& text,
+                              std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+        return waitUntil(
+            [&] {
+                for (const auto& record : records.records()) {
+                    if (record.message.find(text) != std::wstring::npos) {
+                        return true;
+                    }
+                }
+                return false;
+            },
+            timeout);
+    }
+
+    // Drops the object and checks that its destructor ended with its line.
+    static void endAndCheck(std::shared_ptr<TestApi>& api, const DebugLogTail& log) {
+        const std::size_t before = log.countLinesStartingWith("TRACE: It took ");
+        api.reset();
+        EXPECT_EQ(log.countLinesStartingWith("TRACE: It took "), before + 1);
+    }
+
+    // A mailbox with a recording listener, created on `api`.
+    std::pair<std::shared_ptr<Mailbox>, std::shared_ptr<RecordingListener>> openMailbox(
+        TestApi& api, const std::wstring& topic) {
+        auto listener = std::make_shared<RecordingListener>();
+        auto mailbox = Varkel::Zu::MakeShared::create<Mailbox>();
+        mailbox->addListener(listener);
+        api.createMailbox(mailbox, topic);
+        return {mailbox, listener};
+    }
+
+    std::size_t pollsOf(const Mailbox& mailbox) const {
+        return requestsTo("GET", pollTarget(mailbox)).size();
+    }
+
+    bool waitForPolls(const Mailbox& mailbox, std::size_t count) const {
+        const std::string target = pollTarget(mailbox);
+        return waitForMatching(
+                   [&](const qxpemu::RecordedRequest& r) {
+                       return r.method == "GET" && r.target == target;
+                   },
+                   count)
+                   .size() >= count;
+    }
+};
+
+TEST_F(FaultMatrixTest, PlatformDownAtStartThenUp) {
+    const DebugLogTail log;
+    emulator_.stop();
+    auto api = makeApi();
+    EXPECT_TRUE(api->getCurrentAccessToken().empty());
+    EXPECT_THROW(api->postNotification(L"matrix/down", L"lost", 0), std::exception);
+    EXPECT_THROW(openMailbox(*api, L"matrix/down"), std::exception);
+
+    emulator_.start();
+    auto [mailbox, listener] = openMailbox(*api, L"matrix/down");
+    EXPECT_FALSE(api->getCurrentAccessToken().empty());
+    api->postNotification(L"matrix/down", L"after the start", 0);
+    ASSERT_EQ(listener->waitFor(1).size(), 1u);
+    EXPECT_EQ(listener->waitFor(1)[0].second, L"after the start");
+    endAndCheck(api, log);
+}
+
+TEST_F(FaultMatrixTest, ARestartUnderLongPollsKeepsTheMailboxesPolling) {
+    const DebugLogTail log;
+    const LogRecords records;
+    auto api = makeApi();
+    auto [mailbox, listener] = openMailbox(*api, L"matrix/restart");
+    ASSERT_TRUE(waitForPolls(*mailbox, 1));
+
+    emulator_.stop();  // the parked poll is cut off; the platform keeps its mailboxes
+    ASSERT_TRUE(waitForRecord(records, L"Poll of mailbox " +
+                                           Varkel::Zu::widen(mailboxIdText(*mailbox)) +
+                                           L" failed, polling again in "));
+    const std::size_t pollsBefore = pollsOf(*mailbox);
+    emulator_.start();
+    ASSERT_TRUE(waitForPolls(*mailbox, pollsBefore + 1));
+
+    auto poster = makeApi();
+    poster->postNotification(L"matrix/restart", L"after the restart", 0);
+    ASSERT_EQ(listener->waitFor(1).size(), 1u);
+    EXPECT_FALSE(api->hasDeletedMailboxes());
+    endAndCheck(api, log);
+}
+
+TEST_F(FaultMatrixTest, ARestartThatLosesTheMailboxesDropsThemWithTheirLine) {
+    const DebugLogTail log;
+    auto api = makeApi();
+    auto [mailbox, listener] = openMailbox(*api, L"matrix/lost");
+    ASSERT_TRUE(waitForPolls(*mailbox, 1));
+
+    emulator_.reset();  // as a restarted platform: no mailboxes; the parked poll gets 404
+    const std::string line =
+        "ERROR: Received status code 404 when attempting to get mail for "
+        "mailbox : " +
+        mailboxIdText(*mailbox) + ". Will delete mailbox.";
+    EXPECT_TRUE(waitUntil([&] { return api->hasDeletedMailboxes(); }));
+    EXPECT_TRUE(waitUntil([&] { return log.hasLine(line); })) << log.text();
+    EXPECT_EQ(listener->count(), 0u);
+    endAndCheck(api, log);
+}
+
+TEST_F(FaultMatrixTest, HeartbeatsLogAnOutageAndResumeAfterIt) {
+    const DebugLogTail log;
+    const LogRecords records;
+    auto api = makeApi();
+    auto service = completeServiceInfo();
+    api->registerService(service);
+    emulator_.stop();
+    ASSERT_TRUE(waitForRecord(records, L"Heartbeat failed", std::chrono::seconds(15)));
+    emulator_.start();
+    const std::string beat = "/discovery/api/v1/service/" + service->serviceId->toString() + "/" +
+                             Varkel::Zu::narrow(service->serviceSecret) + "/health";
+    ASSERT_EQ(
+        waitForMatching(
+            [&](const qxpemu::RecordedRequest& r) { return r.method == "PUT" && r.target == beat; },
+            1, std::chrono::seconds(15))
+            .size(),
+        1u);
+    const std::string sent = "TRACE: Heartbeat sent for service " + service->serviceId->toString();
+    EXPECT_TRUE(waitUntil([&] { return log.hasLine(sent); })) << log.text();
+    endAndCheck(api, log);
+}
+
+TEST_F(FaultMatrixTest, SlowAnswersWithinTheTimeOutAreWaitedFor) {
+    const DebugLogTail log;
+    auto api = makeApi();
+    qxpemu::FaultRule slow;
+    slow.method = "POST";
+    slow.pathPattern = kNotificationsPath;
+    slow.delayMs = 1500;
+    emulator_.addFault(slow);
+    const auto start = Clock::now();
+    api->postNotification(L"matrix/slow", L"late but there", 0);
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(1500));
+    endAndCheck(api, log);
+}
+
+TEST_F(FaultMatrixTest, RefusedCallsForAWhileFailThenWorkAgain) {
+    const DebugLogTail log;
+    auto api = makeApi();
+    auto [mailbox, listener] = openMailbox(*api, L"matrix/revoked");
+    ASSERT_TRUE(waitForPolls(*mailbox, 1));
+    // The token is revoked: every platform call is refused three times.
+    auto revoked = statusRule("", "/notifications/.*", 401, "token revoked");
+    revoked.times = 3;
+    emulator_.addFault(revoked);
+    EXPECT_THROW(api->postNotification(L"matrix/revoked", L"refused", 0), std::exception);
+    EXPECT_THROW(api->postNotification(L"matrix/revoked", L"refused", 0), std::exception);
+    // The poll answered 401 drops the mailbox (only a 200 or 204 keeps it).
+    EXPECT_TRUE(waitUntil([&] { return api->hasDeletedMailboxes(); }));
+    // Once the platform accepts calls again, a new mailbox works.
+    auto [again, againListener] = openMailbox(*api, L"matrix/revoked");
+    api->postNotification(L"matrix/revoked", L"accepted", 0);
+    ASSERT_EQ(againListener->waitFor(1).size(), 1u);
+    endAndCheck(api, log);
+}
+
+TEST_F(FaultMatrixTest, BurstsOf500And503FailThoseCallsOnly) {
+    const DebugLogTail log;
+    auto api = makeApi();
+    auto burst500 = statusRule("POST", kNotificationsPath, 500, "internal error");
+    burst500.times = 2;
+    emulator_.addFault(burst500);
+    auto burst503 = statusRule("POST", kNotificationsPath, 503, "unavailable");
+    burst503.times = 2;
+    emulator_.addFault(burst503);
+    int failed = 0;
+    for (int i = 0; i < 5; ++i) {
+        try {
+            api->postNotification(L"matrix/burst", L"n", 0);
+        } catch (const std::exception&) {
+            ++failed;
+        }
+    }
+    EXPECT_EQ(failed, 4);
+    EXPECT_EQ(requestsTo("POST", kNotificationsPath).size(), 5u);  // sent once each, no retry
+    endAndCheck(api, log);
+}
+
+TEST_F(FaultMatrixTest, DroppedConnectionsKeepTheMailboxPolling) {
+    const DebugLogTail log;
+    auto api = makeApi();
+    auto [mailbox, listener] = openMailbox(*api, L"matrix/dropped");
+    ASSERT_TRUE(waitForPolls(*mailbox, 1));
+    qxpemu::FaultRule drop;
+    drop.method = "GET";
+    drop.pathPattern = pollPath(*mailbox);
+    drop.drop = true;
+    drop.times = 3;
+    emulator_.addFault(drop);
+    const std::size_t before = pollsOf(*mailbox);
+    ASSERT_TRUE(waitForPolls(*mailbox, before + 4));  // three dropped, then answered again
+    auto poster = makeApi();
+    poster->postNotification(L"matrix/dropped", L"after the drops", 0);
+    ASSERT_EQ(listener->waitFor(1).size(), 1u);
+    EXPECT_FALSE(api->hasDeletedMailboxes());
+    endAndCheck(api, log);
+}
+
+TEST_F(FaultMatrixTest, ShortLivedTokensAreRenewedBeforeEachCall) {
+    const DebugLogTail log;
+    // Every token the platform issues now has less than the 300-second margin left.
+    emulator_.setTokenLifetime(200);
+    auto api = makeApi();
+    const std::size_t tokensAtStart = tokenRequestCount();
+    api->postNotification(L"matrix/expiring", L"one", 0);
+    api->postNotification(L"matrix/expiring", L"two", 0);
+    EXPECT_EQ(tokenRequestCount(), tokensAtStart + 2);
+    EXPECT_EQ(requestsTo("POST", kNotificationsPath).size(), 2u);
+    endAndCheck(api, log);
+}
+
+TEST_F(FaultMatrixTest, AFailingKeySetClearsTheTokenUntilItWorksAgain) {
+    const DebugLogTail log;
+    auto api = makeApi();
+    auto keySetDown = statusRule("GET", kKeySetPath, 500, "key set unavailable");
+    emulator_.addFault(keySetDown);
+    api->clearToken();
+    api->validateToken();
+    EXPECT_TRUE(api->getCurrentAccessToken().empty());
+    EXPECT_TRUE(log.hasLine("ERROR: Token validation failed. key set unavailable")) << log.text();
+    // The key set answers again: the next call renews and goes through.
+    api->postNotification(L"matrix/keyset", L"works", 0);
+    EXPECT_FALSE(api->getCurrentAccessToken().empty());
+    endAndCheck(api, log);
+}
+
+}  // namespace
+}  // namespace TolvaRestTest
