@@ -49,8 +49,9 @@ const std::vector<Command>& commands() {
         {{"register",
           "",
           "Register a service and keep it alive with heartbeats until Ctrl-C.",
-          "The library sends a heartbeat every 5 seconds. On Ctrl-C (or after --duration)\n"
-          "the service is unregistered.",
+          "The library sends a heartbeat every 5 seconds. When the platform answers one with\n"
+          "404 (it lost the registration, after a restart say), the service is registered\n"
+          "again. On Ctrl-C (or after --duration) the service is unregistered.",
           {{"type", "TYPE", "service type (required)"},
            {"instance", "NAME", "service instance (required)"},
            {"address", "ADDRESS", "address the service is reached at (required)"},

@@ -9,10 +9,12 @@
 #include <TolvaCore/ModelServiceHealth.h>
 #include <TolvaCore/ModelServiceInfo.h>
 
+#include <ZuCore/Logger.h>
 #include <ZuCore/MakeShared.h>
 #include <ZuCore/StringConversion.h>
 #include <ZuCore/ZuUUID.h>
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 
@@ -77,10 +79,43 @@ int runRegister(const Arguments& arguments) {
     Console::err("heartbeats every 5 s; " +
                  (duration > 0 ? "unregistering after " + std::to_string(duration) + " s"
                                : std::string("Ctrl-C to unregister")));
+
+    // A platform that lost the registration (restarted, say) answers the heartbeat 404, which
+    // the library logs; the service is then registered again. The record arrives on the
+    // heartbeat thread during a pass, so it only raises a flag for this thread.
+    const auto lost = std::make_shared<std::atomic<bool>>(false);
+    const std::size_t observer = Varkel::Zu::Logger::addRecordObserver(
+        [lost](const Varkel::Zu::Logger&, const Varkel::Zu::Logger::Level&,
+               const std::wstring& message, const Varkel::Zu::LoggerLocationInfo&) {
+            if (message.rfind(L"Heartbeat failed: 404", 0) == 0) {
+                lost->store(true);
+                StopSignal::notify();
+            }
+        });
     const auto deadline = duration > 0
                               ? std::chrono::steady_clock::now() + std::chrono::seconds(duration)
                               : std::chrono::steady_clock::time_point::max();
-    StopSignal::waitUntil(deadline, [] { return false; });
+    bool registerAgain = false;
+    while (!StopSignal::requested() && std::chrono::steady_clock::now() < deadline) {
+        StopSignal::waitUntil(
+            std::min(deadline, std::chrono::steady_clock::now() + std::chrono::seconds(1)),
+            [&lost] { return lost->load(); });
+        if (lost->exchange(false)) {
+            Console::err("tolva: the platform lost the registration; registering again");
+            registerAgain = true;
+        }
+        if (registerAgain) {
+            try {
+                api->registerService(info);
+                registerAgain = false;
+                Console::err("registered service " + id + " again");
+            } catch (const std::exception& e) {
+                // Tried again a second later.
+                Console::err(std::string("tolva: registering again failed: ") + e.what());
+            }
+        }
+    }
+    Varkel::Zu::Logger::removeRecordObserver(observer);
     api->unregisterAllServices();
     if (arguments.has("json")) {
         auto out = web::json::value::object();

@@ -234,6 +234,22 @@ TEST_F(ToolCommands, RegisterUnregistersOnCtrlC) {
     EXPECT_NE(service.out().find("unregistered service "), std::string::npos);
 }
 
+TEST_F(ToolCommands, RegisterRegistersAgainWhenThePlatformLosesTheService) {
+    ToolProcess service(against({"register", "--type", "t", "--instance", "i", "--address",
+                                 "127.0.0.1", "--port", "1", "--path-rule", "/t/"}));
+    ASSERT_TRUE(service.waitForError("Ctrl-C to unregister")) << service.err();
+    // The platform forgets its services, as after a restart: the next heartbeat gets 404.
+    emulator_.reset();
+    ASSERT_TRUE(service.waitForError("registering again", std::chrono::seconds(20)))
+        << service.err();
+    ASSERT_TRUE(waitForRequestsTo("POST", "/discovery/api/v1/service", 1));
+    ASSERT_TRUE(service.waitForError(" again\n")) << service.err();
+    EXPECT_NE(emulator_.state().find("\"serviceType\":\"t\""), std::string::npos);
+    service.signal(SIGINT);
+    EXPECT_EQ(service.wait(), 0) << service.err();
+    EXPECT_EQ(requestsTo("DELETE", "/discovery/api/v1/service/").size(), 1u);
+}
+
 TEST_F(ToolCommands, RegisterChecksItsOptions) {
     const std::vector<std::string> complete = {"register", "--type",      "t",  "--instance",
                                                "i",        "--address",   "a",  "--port",
