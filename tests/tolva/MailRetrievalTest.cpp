@@ -162,6 +162,27 @@ TEST_F(MailRetrievalTest, AReplyThatIsNotAnArrayStopsThatMailboxWithoutHarm) {
     }));
 }
 
+// Found by fuzzing the delivery: the JSON parser refuses a lone UTF-16 surrogate escape with
+// std::range_error, not with its json_exception. It takes the same path as any other body the
+// delivery cannot read.
+TEST_F(MailRetrievalTest, AReplyWithALoneSurrogateEscapeStopsThatMailboxWithoutHarm) {
+    const LogRecords records;
+    auto api = makeApi();
+    auto broken = newMailbox();
+    emulator_.addFault(pollReply(*broken, R"([{"topic":"\ud800\u0000","content":"x"}])"));
+    api->createMailbox(broken, L"t");
+    const auto [healthy, listener] = listening(*api, L"t");
+    ASSERT_EQ(waitForPolls(*broken, 1).size(), 1u);
+    api->postNotification(L"t", L"still flowing", 0);
+    ASSERT_EQ(listener->waitFor(1).size(), 1u);
+    api.reset();
+    const auto messages = records.messages("TolvaCore.QxPlatformApi");
+    EXPECT_TRUE(std::any_of(messages.begin(), messages.end(), [&](const auto& m) {
+        return m.rfind(L"Mailbox " + widen(mailboxIdText(*broken)) + L" stopped receiving mail: ",
+                       0) == 0;
+    }));
+}
+
 TEST_F(MailRetrievalTest, NeverTwoPollsOfOneMailboxAtOnce) {
     // A listener that holds the delivery until released: while it does, no next poll leaves.
     class GateListener : public MailboxListener {
