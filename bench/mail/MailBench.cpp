@@ -14,6 +14,9 @@
 // anything uses it.
 //
 // Raises its own descriptor limit: every polling mailbox holds a socket. Prints Markdown.
+#include "../common/EmulatorProcess.h"
+#include "../common/ProcessProbe.h"
+
 #include <TolvaCore/Mailbox.h>
 #include <TolvaCore/MailboxListener.h>
 #include <TolvaCore/QxPlatformApi.h>
@@ -51,6 +54,10 @@
 
 namespace {
 
+using TolvaBench::EmulatorProcess;
+using TolvaBench::residentKiB;
+using TolvaBench::threadCount;
+
 using Clock = std::chrono::steady_clock;
 using Varkel::Tolva::Rest::Mailbox;
 using Varkel::Tolva::Rest::MailboxListener;
@@ -67,25 +74,6 @@ double percentile(std::vector<double> values, double fraction) {
     std::sort(values.begin(), values.end());
     const auto index = static_cast<std::size_t>(fraction * static_cast<double>(values.size() - 1));
     return values[index];
-}
-
-long residentKiB() {
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind("VmRSS:", 0) == 0) {
-            return std::stol(line.substr(6));
-        }
-    }
-    return 0;
-}
-
-std::size_t threadCount() {
-    std::size_t count = 0;
-    for ([[maybe_unused]] const auto& entry :
-         std::filesystem::directory_iterator("/proc/self/task")) {
-        ++count;
-    }
-    return count;
 }
 
 // Counts mail and lets the bench wait for a total.
@@ -111,51 +99,6 @@ class CountingListener : public MailboxListener {
     std::condition_variable changed_;
     std::size_t count_ = 0;
     Clock::time_point lastAt_;
-};
-
-// qxp-emulator as a child process on a free port.
-class EmulatorProcess {
-  public:
-    EmulatorProcess() {
-        int pipeFds[2];
-        if (pipe(pipeFds) != 0) {
-            throw std::runtime_error("pipe failed");
-        }
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(pipeFds[1], STDOUT_FILENO);
-            close(pipeFds[0]);
-            execl(QXP_EMULATOR_PATH, "qxp-emulator", "--port", "0", "--threads", "1",
-                  static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        close(pipeFds[1]);
-        FILE* out = fdopen(pipeFds[0], "r");
-        char line[4096];
-        while (std::fgets(line, sizeof line, out) != nullptr) {
-            const std::string text(line);
-            const std::string prefix = "QX_PLATFORM_CONFIG='";
-            if (text.rfind(prefix, 0) == 0) {
-                config_ = text.substr(prefix.size(), text.rfind('\'') - prefix.size());
-                break;
-            }
-        }
-        reader_ = out;
-        if (config_.empty()) {
-            throw std::runtime_error("qxp-emulator did not start");
-        }
-    }
-    ~EmulatorProcess() {
-        kill(pid_, SIGTERM);
-        waitpid(pid_, nullptr, 0);
-        std::fclose(reader_);
-    }
-    const std::string& config() const { return config_; }
-
-  private:
-    pid_t pid_ = -1;
-    FILE* reader_ = nullptr;
-    std::string config_;
 };
 
 std::shared_ptr<Mailbox> listeningMailbox(QxPlatformApi& api, const std::wstring& topic,

@@ -1,0 +1,39 @@
+// What a benchmark reads about its own process from /proc: resident memory, threads and open
+// file descriptors.
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+namespace TolvaBench {
+
+// VmRSS of this process, in KiB.
+inline long residentKiB() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmRSS:", 0) == 0) {
+            return std::stol(line.substr(6));
+        }
+    }
+    return 0;
+}
+
+inline std::size_t entriesIn(const char* folder) {
+    std::size_t count = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(folder)) {
+        ++count;
+    }
+    return count;
+}
+
+inline std::size_t threadCount() {
+    return entriesIn("/proc/self/task");
+}
+
+inline std::size_t openDescriptors() {
+    return entriesIn("/proc/self/fd");
+}
+
+}  // namespace TolvaBench
