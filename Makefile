@@ -6,7 +6,7 @@
 DEBIAN_PACKAGES := build-essential cmake ninja-build pkg-config \
 	libcpprest-dev libboost-dev libboost-system-dev libboost-thread-dev \
 	libboost-program-options-dev libssl-dev libspdlog-dev nlohmann-json3-dev \
-	libgtest-dev libgmock-dev libbenchmark-dev libcurl4-openssl-dev tinyproxy curl doxygen
+	libgtest-dev libgmock-dev libbenchmark-dev libcurl4-openssl-dev tinyproxy curl doxygen chromium
 
 COMMA := ,
 JOBS ?= $(shell nproc)

@@ -118,6 +118,7 @@ int main(int argc, char** argv) {
         std::cout << "qxp-emulator listening on " << emulator.baseUrl() << "\n"
                   << "QX_PLATFORM_CONFIG='" << emulator.platformConfig() << "'\n"
                   << "Control interface: " << emulator.baseUrl() << "/_emulator/state\n"
+                  << "Dashboard: " << emulator.baseUrl() << "/\n"
                   << "Press Ctrl-C to stop." << std::endl;
         int received = 0;
         sigwait(&stopSignals, &received);

@@ -1,7 +1,10 @@
 #include "ControlApi.h"
 
+#include <algorithm>
 #include <stdexcept>
 
+#include "DashboardPage.h"
+#include "DashboardView.h"
 #include "JsonBody.h"
 
 namespace qxpemu {
@@ -79,6 +82,18 @@ FaultRule ControlApi::faultFromJson(const nlohmann::json& value) {
     return rule;
 }
 
+HttpReply ControlApi::dashboardPage(const IncomingRequest& request) {
+    if (request.method != "GET" && request.method != "HEAD") {
+        return methodNotAllowed("GET");
+    }
+    HttpReply reply;
+    reply.status = 200;
+    reply.contentType = "text/html; charset=utf-8";
+    reply.body = qxpemu::dashboardPage();
+    reply.extraHeaders.emplace_back("Cache-Control", "no-store");
+    return reply;
+}
+
 HttpReply ControlApi::handle(const IncomingRequest& request) {
     const std::string what = request.path.substr(std::string(kPrefix).size());
     const std::string& method = request.method;
@@ -123,6 +138,27 @@ HttpReply ControlApi::handle(const IncomingRequest& request) {
             return HttpReply::empty(204);
         }
         return methodNotAllowed("GET, POST, DELETE");
+    }
+    if (what == "dashboard") {
+        if (method != "GET") {
+            return methodNotAllowed("GET");
+        }
+        std::size_t page = 0;
+        const std::string prefix = "page=";
+        for (std::size_t start = 0; start < request.query.size();) {
+            const std::size_t end = std::min(request.query.find('&', start), request.query.size());
+            const std::string pair = request.query.substr(start, end - start);
+            if (pair.rfind(prefix, 0) == 0) {
+                const std::string number = pair.substr(prefix.size());
+                if (number.empty() || number.size() > 9 ||
+                    number.find_first_not_of("0123456789") != std::string::npos) {
+                    return HttpReply::text(400, "page must be a whole number");
+                }
+                page = std::stoul(number);
+            }
+            start = end + 1;
+        }
+        return HttpReply::json(200, toJsonText(DashboardView(core_).document(page)));
     }
     if (what == "state") {
         return method == "GET" ? HttpReply::json(200, toJsonText(core_.state()))

@@ -14,6 +14,8 @@ class ControlApi {
     explicit ControlApi(EmulatorCore& core) : core_(core) {}
 
     HttpReply handle(const IncomingRequest& request);
+    // GET "/": the dashboard page.
+    HttpReply dashboardPage(const IncomingRequest& request);
 
     // JSON forms shared with the in-process API.
     static nlohmann::json toJson(const RecordedRequest& request);

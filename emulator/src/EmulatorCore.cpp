@@ -58,6 +58,7 @@ void EmulatorCore::reset() {
     hub.clear();
     discovery.clear();
     log.clear();
+    recent.clear();
     faults.clear();
     identity.setLifetime(options.tokenLifetimeSeconds);
     keys.dropRetired();

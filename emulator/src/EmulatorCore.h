@@ -11,6 +11,7 @@
 #include "IdentityService.h"
 #include "KeyStore.h"
 #include "NotificationHub.h"
+#include "RecentActivity.h"
 #include "RequestLog.h"
 
 namespace qxpemu {
@@ -29,6 +30,7 @@ struct EmulatorCore {
     NotificationHub hub;
     DiscoveryRegistry discovery;
     RequestLog log;
+    RecentActivity recent;
     FaultTable faults;
 };
 

@@ -101,6 +101,19 @@ void HttpSession::handleRequest() {
         send(ControlApi(core_).handle(request_));
         return;
     }
+    if (request_.path == "/" || request_.path == "/index.html") {
+        send(ControlApi(core_).dashboardPage(request_));
+        return;
+    }
+    // Browsers ask for an icon beside the dashboard; it has none.
+    if (request_.path == "/favicon.ico") {
+        send(HttpReply::empty(204));
+        return;
+    }
+    exchangeOpen_ = true;
+    exchangeMethod_ = request_.method;
+    exchangeTarget_ = request_.target;
+    exchangeStart_ = std::chrono::steady_clock::now();
     core_.log.add(
         RecordedRequest{request_.method, request_.target, request_.headers, request_.body});
     if (auto fault = core_.faults.take(request_.method, request_.path)) {
@@ -195,7 +208,20 @@ void HttpSession::finishPoll(HttpReply reply) {
     send(std::move(reply));
 }
 
+void HttpSession::endExchange(unsigned status) {
+    if (!exchangeOpen_) {
+        return;
+    }
+    exchangeOpen_ = false;
+    core_.recent.addExchange({std::chrono::system_clock::now(), std::move(exchangeMethod_),
+                              std::move(exchangeTarget_), status,
+                              std::chrono::duration_cast<std::chrono::milliseconds>(
+                                  std::chrono::steady_clock::now() - exchangeStart_)
+                                  .count()});
+}
+
 void HttpSession::send(HttpReply reply, bool forceClose) {
+    endExchange(reply.status);
     response_.emplace();
     auto& response = *response_;
     response.version(httpVersion_);
@@ -263,6 +289,7 @@ void HttpSession::drain(std::size_t drained) {
 }
 
 void HttpSession::closeConnection() {
+    endExchange(0);
     beast::error_code ignored;
     stream_.socket().shutdown(net::ip::tcp::socket::shutdown_both, ignored);
     stream_.close();

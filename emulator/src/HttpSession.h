@@ -2,6 +2,7 @@
 // through the routers, and parks long polls without holding a thread.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -50,6 +51,14 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     IncomingRequest request_;
     unsigned httpVersion_ = 11;
     bool keepAlive_ = true;
+
+    // The platform request being answered, for the dashboard's list of recent requests; an
+    // answer or a close without one ends it.
+    void endExchange(unsigned status);
+    bool exchangeOpen_ = false;
+    std::string exchangeMethod_;
+    std::string exchangeTarget_;
+    std::chrono::steady_clock::time_point exchangeStart_;
 
     std::weak_ptr<PollWaiter> waiter_;
     std::string pollMailbox_;

@@ -103,6 +103,7 @@ std::string IdentityService::issue(const std::string& clientId, const std::strin
         {"acc", client->account}, {"sub", client->clientId},      {"client_id", client->clientId},
         {"iss", issuer()},        {"scope", std::move(scopes)},   {"iat", issuedAt},
         {"nbf", issuedAt},        {"exp", issuedAt + lifetime()}, {"jti", text::randomUuid()}};
+    ++issued_;
     return keys_.sign(std::move(payload));
 }
 

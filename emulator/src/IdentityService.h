@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -32,6 +33,8 @@ class IdentityService {
 
     void setLifetime(int seconds) { lifetimeSeconds_.store(seconds); }
     int lifetime() const { return lifetimeSeconds_.load(); }
+    // Tokens issued so far (through the token endpoint, the control interface or issue()).
+    std::uint64_t tokensIssued() const { return issued_.load(); }
     // "iss" of issued tokens; set once the listening address is known.
     void setIssuer(const std::string& issuer);
 
@@ -47,6 +50,7 @@ class IdentityService {
     KeyStore& keys_;
     const std::vector<ClientCredentials> clients_;
     std::atomic<int> lifetimeSeconds_;
+    mutable std::atomic<std::uint64_t> issued_{0};
     mutable std::mutex issuerMutex_;
     std::string issuer_ = "qxp-emulator";
 };

@@ -212,8 +212,14 @@ HttpReply PlatformRouter::postNotification(const IncomingRequest& request) {
         }
     }
     note->json = toJsonText(delivered);
-    const std::size_t reached =
-        core_.hub.publish(delivered["topic"].get<std::string>(), std::move(note));
+    const std::string topic = delivered["topic"].get<std::string>();
+    const std::size_t reached = core_.hub.publish(topic, std::move(note));
+    const auto content = delivered.find("content");
+    core_.recent.addNotification({std::chrono::system_clock::now(), topic,
+                                  content != delivered.end() && content->is_string()
+                                      ? content->get<std::string>()
+                                      : std::string(),
+                                  reached});
     HttpReply reply = HttpReply::empty(204);
     reply.extraHeaders.emplace_back("X-Delivered-To", std::to_string(reached));
     return reply;
