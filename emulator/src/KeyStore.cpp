@@ -126,15 +126,25 @@ struct KeyStore::Key {
     std::string exponent;
 };
 
+namespace {
+
+// The first 16 bytes of SHA-256 over the modulus and exponent, Base64url encoded.
+std::string keyId(const std::string& modulus, const std::string& exponent) {
+    return text::base64UrlEncode(sha256(modulus + exponent).substr(0, 16));
+}
+
+}  // namespace
+
 KeyStore::KeyStore(const std::string& pemFile, int rsaBits) : rsaBits_(rsaBits) {
     auto key = std::make_shared<Key>();
     key->pkey = pemFile.empty() ? generateRsaKey(rsaBits_) : loadRsaKey(pemFile);
     key->certificateDer = selfSignedCertificateDer(key->pkey.get());
     key->modulus = bigNumberParam(key->pkey.get(), OSSL_PKEY_PARAM_RSA_N);
     key->exponent = bigNumberParam(key->pkey.get(), OSSL_PKEY_PARAM_RSA_E);
-    // The key id names the certificate; a loaded key gets a fresh certificate each run, so
-    // its id changes between runs (tokens do not outlive the process anyway).
-    key->kid = text::base64UrlEncode(sha256(key->certificateDer).substr(0, 16));
+    // The key id names the public key, not its certificate (made afresh each run): with a
+    // loaded key, tokens issued before a restart still verify after it, as on a platform
+    // whose keys persist.
+    key->kid = keyId(key->modulus, key->exponent);
     keys_.push_back(std::move(key));
 }
 
@@ -146,7 +156,7 @@ void KeyStore::rotate() {
     key->certificateDer = selfSignedCertificateDer(key->pkey.get());
     key->modulus = bigNumberParam(key->pkey.get(), OSSL_PKEY_PARAM_RSA_N);
     key->exponent = bigNumberParam(key->pkey.get(), OSSL_PKEY_PARAM_RSA_E);
-    key->kid = text::base64UrlEncode(sha256(key->certificateDer).substr(0, 16));
+    key->kid = keyId(key->modulus, key->exponent);
     std::lock_guard<std::mutex> lock(mutex_);
     keys_.push_back(std::move(key));
 }
