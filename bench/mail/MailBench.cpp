@@ -14,8 +14,8 @@
 // anything uses it.
 //
 // Raises its own descriptor limit: every polling mailbox holds a socket. Prints Markdown.
-#include "../common/EmulatorProcess.h"
 #include "../common/ProcessProbe.h"
+#include "EmulatorProcess.h"
 
 #include <TolvaCore/Mailbox.h>
 #include <TolvaCore/MailboxListener.h>
@@ -54,9 +54,9 @@
 
 namespace {
 
-using TolvaBench::EmulatorProcess;
 using TolvaBench::residentKiB;
 using TolvaBench::threadCount;
+using TolvaTest::EmulatorProcess;
 
 using Clock = std::chrono::steady_clock;
 using Varkel::Tolva::Rest::Mailbox;

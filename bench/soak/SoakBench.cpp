@@ -6,8 +6,8 @@
 // reply went missing.
 //
 //   soak_bench [--minutes 60] [--mailboxes 100] [--services 10] [--posts-per-second 50]
-#include "../common/EmulatorProcess.h"
 #include "../common/ProcessProbe.h"
+#include "EmulatorProcess.h"
 
 #include <TolvaCore/Mailbox.h>
 #include <TolvaCore/MailboxListener.h>
@@ -87,7 +87,7 @@ int main(int argc, char** argv) {
     const long postsPerSecond = option(argc, argv, "--posts-per-second", 50);
     Varkel::Zu::Logger::setGlobalLevel(Varkel::Zu::Logger::getWarnLevel());
 
-    TolvaBench::EmulatorProcess emulator;
+    TolvaTest::EmulatorProcess emulator;
     const std::wstring config = Varkel::Zu::widen(emulator.config());
     auto api = QxPlatformApi::createFromQXPlatformConfig(config);
     auto responderApi = QxPlatformApi::createFromQXPlatformConfig(config);
@@ -136,10 +136,14 @@ int main(int argc, char** argv) {
     std::thread requester([&] {
         for (long n = 0; running; ++n) {
             const std::wstring question = L"q" + std::to_wstring(n);
-            const std::wstring reply =
-                api->postNotificationAndWaitForReply(L"soak/requests", question, L"soak/replies",
-                                                     Clock::now() + std::chrono::seconds(5));
-            ++(reply == question ? replies : missedReplies);
+            try {
+                const std::wstring reply = api->postNotificationAndWaitForReply(
+                    L"soak/requests", question, L"soak/replies",
+                    Clock::now() + std::chrono::seconds(5));
+                ++(reply == question ? replies : missedReplies);
+            } catch (const std::exception&) {
+                ++missedReplies;
+            }
             std::this_thread::sleep_for(std::chrono::seconds(1));
         }
     });
@@ -149,6 +153,7 @@ int main(int argc, char** argv) {
         "missed_replies\n");
     std::vector<Sample> samples;
     const auto start = Clock::now();
+    bool emulatorEnded = false;
     for (int minute = 0; minute <= minutes; ++minute) {
         std::this_thread::sleep_until(start + std::chrono::minutes(minute));
         samples.push_back({minute, TolvaBench::residentKiB(), TolvaBench::openDescriptors(),
@@ -158,10 +163,19 @@ int main(int argc, char** argv) {
                     posted.load(), postFailures.load(), listener->received.load(), replies.load(),
                     missedReplies.load());
         std::fflush(stdout);
+        if (const std::string ended = emulator.endedHow(); !ended.empty()) {
+            std::printf("the emulator ended early (%s)\n", ended.c_str());
+            std::fflush(stdout);
+            emulatorEnded = true;
+            break;
+        }
     }
     running = false;
     poster.join();
     requester.join();
+    if (emulatorEnded) {
+        return 1;
+    }
 
     const Sample& base = samples.size() > 5 ? samples[5] : samples.front();
     const Sample& last = samples.back();

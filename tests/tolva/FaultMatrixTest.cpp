@@ -170,6 +170,47 @@ TEST_F(FaultMatrixTest, SlowAnswersWithinTheTimeOutAreWaitedFor) {
     endAndCheck(api, log);
 }
 
+// Answers slower than the client's 30-second time-out: the post fails once it passes, and the
+// poll cut off by it keeps its mailbox polling, so mail sent afterwards arrives.
+TEST_F(FaultMatrixTest, AnswersSlowerThanTheClientTimeOutFailThatCallAndPollingGoesOn) {
+#ifdef TOLVA_SANITIZED
+    GTEST_SKIP() << "waits out the client's 30-second time-out; run in the plain build";
+#endif
+    const DebugLogTail log;
+    const LogRecords records;
+    auto api = makeApi();
+    auto [mailbox, listener] = openMailbox(*api, L"matrix/slower");
+    ASSERT_TRUE(waitForPolls(*mailbox, 1));
+    qxpemu::FaultRule slowPoll;
+    slowPoll.method = "GET";
+    slowPoll.pathPattern = pollPath(*mailbox);
+    slowPoll.delayMs = 35000;
+    slowPoll.times = 1;
+    emulator_.addFault(slowPoll);
+    qxpemu::FaultRule slowPost;
+    slowPost.method = "POST";
+    slowPost.pathPattern = kNotificationsPath;
+    slowPost.delayMs = 35000;
+    slowPost.times = 1;
+    emulator_.addFault(slowPost);
+
+    const auto start = Clock::now();
+    EXPECT_THROW(api->postNotification(L"matrix/slower", L"too late", 0), std::exception);
+    const auto waited = Clock::now() - start;
+    EXPECT_GE(waited, std::chrono::seconds(29));
+    EXPECT_LT(waited, std::chrono::seconds(35));
+    EXPECT_TRUE(waitForRecord(records,
+                              L"Poll of mailbox " + Varkel::Zu::widen(mailboxIdText(*mailbox)) +
+                                  L" failed, polling again in ",
+                              std::chrono::seconds(10)));
+    api->postNotification(L"matrix/slower", L"in time", 0);
+    const auto mail = listener->waitFor(1);
+    ASSERT_EQ(mail.size(), 1u);
+    EXPECT_EQ(mail[0].second, L"in time");
+    EXPECT_FALSE(api->hasDeletedMailboxes());
+    endAndCheck(api, log);
+}
+
 TEST_F(FaultMatrixTest, RefusedCallsForAWhileFailThenWorkAgain) {
     const DebugLogTail log;
     auto api = makeApi();
