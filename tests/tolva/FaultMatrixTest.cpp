@@ -16,21 +16,6 @@ using Clock = std::chrono::steady_clock;
 
 class FaultMatrixTest : public MailTest {
   protected:
-    // Waits until `condition` holds or `timeout` passes; returns its last value. For what the
-    // library's own threads change without a signal a test could wait on (logger records,
-    // debug-log lines, a mailbox dropped after a poll).
-    static bool waitUntil(const std::function<bool()>& condition,
-                          std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
-        const auto deadline = Clock::now() + timeout;
-        while (!condition()) {
-            if (Clock::now() >= deadline) {
-                return false;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return true;
-    }
-
     // Waits until a logger record holds `text` or `timeout` passes.
     static bool waitForRecord(const LogRecords& records, const std::wstring& text,
                               std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
@@ -61,6 +46,18 @@ class FaultMatrixTest : public MailTest {
         mailbox->addListener(listener);
         api.createMailbox(mailbox, topic);
         return {mailbox, listener};
+    }
+
+    // Mail that another object posts on `topic` reaches `listener`, and `api` has lost no
+    // mailbox.
+    void expectMailArrives(TestApi& api, RecordingListener& listener, const std::wstring& topic,
+                           const std::wstring& content) {
+        auto poster = makeApi();
+        poster->postNotification(topic, content, 0);
+        const auto mail = listener.waitFor(1);
+        ASSERT_EQ(mail.size(), 1u);
+        EXPECT_EQ(mail[0].second, content);
+        EXPECT_FALSE(api.hasDeletedMailboxes());
     }
 
     std::size_t pollsOf(const Mailbox& mailbox) const {
@@ -110,10 +107,7 @@ TEST_F(FaultMatrixTest, ARestartUnderLongPollsKeepsTheMailboxesPolling) {
     emulator_.start();
     ASSERT_TRUE(waitForPolls(*mailbox, pollsBefore + 1));
 
-    auto poster = makeApi();
-    poster->postNotification(L"matrix/restart", L"after the restart", 0);
-    ASSERT_EQ(listener->waitFor(1).size(), 1u);
-    EXPECT_FALSE(api->hasDeletedMailboxes());
+    expectMailArrives(*api, *listener, L"matrix/restart", L"after the restart");
     endAndCheck(api, log);
 }
 
@@ -266,10 +260,7 @@ TEST_F(FaultMatrixTest, DroppedConnectionsKeepTheMailboxPolling) {
     emulator_.addFault(drop);
     const std::size_t before = pollsOf(*mailbox);
     ASSERT_TRUE(waitForPolls(*mailbox, before + 4));  // three dropped, then answered again
-    auto poster = makeApi();
-    poster->postNotification(L"matrix/dropped", L"after the drops", 0);
-    ASSERT_EQ(listener->waitFor(1).size(), 1u);
-    EXPECT_FALSE(api->hasDeletedMailboxes());
+    expectMailArrives(*api, *listener, L"matrix/dropped", L"after the drops");
     endAndCheck(api, log);
 }
 

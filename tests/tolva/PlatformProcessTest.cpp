@@ -13,26 +13,10 @@
 
 #include <csignal>
 #include <cstdio>
-#include <functional>
 #include <stdexcept>
-#include <thread>
 
 namespace TolvaRestTest {
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-bool waitUntil(const std::function<bool()>& condition,
-               std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
-    const auto deadline = Clock::now() + timeout;
-    while (!condition()) {
-        if (Clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-}
 
 bool hasRecordStartingWith(const LogRecords& records, const std::wstring& text) {
     for (const auto& record : records.records()) {

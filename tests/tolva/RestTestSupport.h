@@ -22,6 +22,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <qxpemu/Emulator.h>
@@ -226,6 +227,21 @@ class RestTest : public ::testing::Test {
     ScopedEnv noProxy_;
     qxpemu::Emulator emulator_;
 };
+
+// Waits until `condition` holds or `timeout` passes; returns its last value. For what the
+// library's own threads change without a signal a test could wait on (logger records,
+// debug-log lines, a mailbox dropped after a poll).
+inline bool waitUntil(const std::function<bool()>& condition,
+                      std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
 
 // A URL on which nothing listens: requests to it fail at once with "connection refused".
 inline std::wstring unreachableUrl() {
