@@ -5,6 +5,9 @@
 #   scripts/run-fuzzers.sh BUILD_DIR time SECONDS   # each target for SECONDS
 #   scripts/run-fuzzers.sh BUILD_DIR runs N         # each target for N inputs (CI)
 #
+# FUZZ_TARGETS, when set, names the targets to run (space-separated, e.g. "fuzz_base64
+# fuzz_uuid"); otherwise all of them run.
+#
 # The working corpora (BUILD_DIR/fuzz-corpus/<target>) grow from run to run; a crash leaves
 # its input as BUILD_DIR/fuzz-artifacts/<target>/crash-... and fails the script. Each target
 # prints its figures (executions, coverage) on its last lines.
@@ -21,6 +24,10 @@ status=0
 for target in "$build"/tests/fuzz/fuzz_*; do
     [ -x "$target" ] || continue
     name=$(basename "$target")
+    case " ${FUZZ_TARGETS:-$name} " in
+        *" $name "*) ;;
+        *) continue ;;
+    esac
     corpus=$build/fuzz-corpus/$name
     artifacts=$build/fuzz-artifacts/$name/
     mkdir -p "$corpus" "$artifacts"

@@ -14,6 +14,7 @@
 
 #include <TestSupport.h>
 
+#include <iostream>
 #include <set>
 
 namespace TolvaRestTest {
@@ -67,6 +68,16 @@ TEST_F(SecretsTest, NoSecretReachesALogRecordTheDebugLogOrStandardOutput) {
     const LogRecords records;
     const DebugLogTail log;
     TolvaTest::StdoutCapture out;
+    // Test failures are reported on standard output too, which is captured here: after a
+    // failure the capture goes to standard error, so that the report is not lost.
+    struct ShowOnFailure {
+        TolvaTest::StdoutCapture& out;
+        ~ShowOnFailure() {
+            if (::testing::Test::HasFailure()) {
+                std::cerr << out.text();
+            }
+        }
+    } showOnFailure{out};
     std::set<std::string> secrets;
     {
         auto api = makeApi();
@@ -114,8 +125,10 @@ TEST_F(SecretsTest, NoSecretReachesALogRecordTheDebugLogOrStandardOutput) {
         web::json::value claims;
         EXPECT_EQ(verifier->verify(token.keySet, token.accessToken, claims),
                   Varkel::Tolva::Verified);
+        // The last character may carry unused bits only, so the one before it is changed.
         std::wstring tampered = token.accessToken;
-        tampered.back() = tampered.back() == L'A' ? L'B' : L'A';
+        wchar_t& changed = tampered[tampered.size() - 2];
+        changed = changed == L'A' ? L'B' : L'A';
         EXPECT_NE(verifier->verify(token.keySet, tampered, claims), Varkel::Tolva::Verified);
 
         // The asynchronous notifier, one post that works and one the platform refuses.
