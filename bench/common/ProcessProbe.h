@@ -1,7 +1,8 @@
-// What a benchmark reads about its own process from /proc: resident memory, threads and open
-// file descriptors.
+// What a benchmark reads about its own process: resident memory, threads and open file
+// descriptors from /proc, and the heap in use from the C library's allocator.
 #pragma once
 
+#include <malloc.h>
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
@@ -18,6 +19,13 @@ inline long residentKiB() {
         }
     }
     return 0;
+}
+
+// Bytes the allocator has handed out and not had back, in KiB: unlike the resident size, free
+// memory the allocator keeps does not count, so growth here is memory still held.
+inline long heapInUseKiB() {
+    const struct mallinfo2 info = mallinfo2();
+    return static_cast<long>((info.uordblks + info.hblkhd) / 1024);
 }
 
 inline std::size_t entriesIn(const char* folder) {

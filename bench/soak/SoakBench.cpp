@@ -6,6 +6,7 @@
 // reply went missing.
 //
 //   soak_bench [--minutes 60] [--mailboxes 100] [--services 10] [--posts-per-second 50]
+//              [--request-interval-ms 1000]
 #include "../common/ProcessProbe.h"
 #include "EmulatorProcess.h"
 
@@ -61,6 +62,7 @@ class Responder : public MailboxListener {
 struct Sample {
     int minute;
     long rssKiB;
+    long heapKiB;
     std::size_t descriptors;
     std::size_t threads;
 };
@@ -85,6 +87,7 @@ int main(int argc, char** argv) {
     const long mailboxes = option(argc, argv, "--mailboxes", 100);
     const long services = option(argc, argv, "--services", 10);
     const long postsPerSecond = option(argc, argv, "--posts-per-second", 50);
+    const long requestIntervalMs = option(argc, argv, "--request-interval-ms", 1000);
     Varkel::Zu::Logger::setGlobalLevel(Varkel::Zu::Logger::getWarnLevel());
 
     TolvaTest::EmulatorProcess emulator;
@@ -144,24 +147,24 @@ int main(int argc, char** argv) {
             } catch (const std::exception&) {
                 ++missedReplies;
             }
-            std::this_thread::sleep_for(std::chrono::seconds(1));
+            std::this_thread::sleep_for(std::chrono::milliseconds(requestIntervalMs));
         }
     });
 
     std::printf(
-        "minute  rss_KiB  fds  threads  posted  post_failures  mail_received  replies  "
+        "minute  rss_KiB  heap_KiB  fds  threads  posted  post_failures  mail_received  replies  "
         "missed_replies\n");
     std::vector<Sample> samples;
     const auto start = Clock::now();
     bool emulatorEnded = false;
     for (int minute = 0; minute <= minutes; ++minute) {
         std::this_thread::sleep_until(start + std::chrono::minutes(minute));
-        samples.push_back({minute, TolvaBench::residentKiB(), TolvaBench::openDescriptors(),
-                           TolvaBench::threadCount()});
-        std::printf("%6d %8ld %4zu %8zu %7ld %14ld %14ld %8ld %15ld\n", minute,
-                    samples.back().rssKiB, samples.back().descriptors, samples.back().threads,
-                    posted.load(), postFailures.load(), listener->received.load(), replies.load(),
-                    missedReplies.load());
+        samples.push_back({minute, TolvaBench::residentKiB(), TolvaBench::heapInUseKiB(),
+                           TolvaBench::openDescriptors(), TolvaBench::threadCount()});
+        std::printf("%6d %8ld %9ld %4zu %8zu %7ld %14ld %14ld %8ld %15ld\n", minute,
+                    samples.back().rssKiB, samples.back().heapKiB, samples.back().descriptors,
+                    samples.back().threads, posted.load(), postFailures.load(),
+                    listener->received.load(), replies.load(), missedReplies.load());
         std::fflush(stdout);
         if (const std::string ended = emulator.endedHow(); !ended.empty()) {
             std::printf("the emulator ended early (%s)\n", ended.c_str());
@@ -179,10 +182,13 @@ int main(int argc, char** argv) {
 
     const Sample& base = samples.size() > 5 ? samples[5] : samples.front();
     const Sample& last = samples.back();
-    std::printf("growth from minute %d to %d: rss %.2f%%, descriptors %.2f%%, threads %.2f%%\n",
-                base.minute, last.minute, growthPercent(base.rssKiB, last.rssKiB),
-                growthPercent(double(base.descriptors), double(last.descriptors)),
-                growthPercent(double(base.threads), double(last.threads)));
+    std::printf(
+        "growth from minute %d to %d: rss %.2f%%, heap in use %.2f%%, descriptors %.2f%%, "
+        "threads %.2f%%\n",
+        base.minute, last.minute, growthPercent(base.rssKiB, last.rssKiB),
+        growthPercent(double(base.heapKiB), double(last.heapKiB)),
+        growthPercent(double(base.descriptors), double(last.descriptors)),
+        growthPercent(double(base.threads), double(last.threads)));
     // Every post reaches the mailboxes of its topic: mailboxes / 10 of them.
     const long expected = posted.load() * (mailboxes / 10);
     std::printf("mail expected %ld, received %ld; replies %ld, missed %ld\n", expected,
