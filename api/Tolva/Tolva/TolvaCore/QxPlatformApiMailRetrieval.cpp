@@ -39,9 +39,31 @@ using SteadyClock = std::chrono::steady_clock;
 // last reference to the API object, so only the poll's last continuation lets it go, after the
 // poll has been counted out: should the object then be destroyed on that pool thread, its
 // destructor does not wait for this very poll, and nothing of the object is used afterwards.
+//
+// Each poll is sent with a cancellation token of its own, which the object's reception source
+// cancels for as long as the poll is outstanding. The HTTP library registers a callback on the
+// token of every request it sends and removes it when the request ends, unless the answer came
+// before the registration was made (it is made after the request is under way): that
+// registration then stays, keeping the memory of the request's context, for as long as the token
+// lives. On the object's own token they would pile up for the object's whole life; on a poll's
+// token they go with the poll.
 struct QxPlatformApi::PollContext {
+    PollContext(std::shared_ptr<Mailbox> polled, std::wstring id,
+                const pplx::cancellation_token& stopping)
+        : mailbox(std::move(polled)),
+          mailboxId(std::move(id)),
+          stoppingToken(stopping),
+          stopRegistration(
+              stoppingToken.register_callback([source = cancellation] { source.cancel(); })) {}
+
+    // Called once, when the poll ends: the object's source no longer needs to reach this poll.
+    void endCancellation() { stoppingToken.deregister_callback(stopRegistration); }
+
     std::shared_ptr<Mailbox> mailbox;
     std::wstring mailboxId;
+    pplx::cancellation_token_source cancellation;
+    pplx::cancellation_token stoppingToken;
+    pplx::cancellation_token_registration stopRegistration;
 };
 
 void QxPlatformApi::queryLauncherThreadLoop() {
@@ -76,22 +98,24 @@ void QxPlatformApi::queryLauncherThreadLoop() {
 void QxPlatformApi::retrieveMail(const std::shared_ptr<Mailbox>& mailbox) {
     const std::wstring mailboxId = widen(boost::uuids::to_string(mailbox->getId()));
     bool counted = false;
+    std::shared_ptr<PollContext> poll;
     try {
         RestCall call(web::http::methods::GET, std::string(ApiDefaults::kNotificationsPath) + "/" +
                                                    narrow(mailboxId) + ApiDefaults::kPollQuery);
-        // A poll uses the token as it stands: the heartbeat and the other calls renew it.
-        call.header("User-Agent", RestCall::kUserAgent)
-            .header("Authorization", bearerAuthorization())
-            .cancellation(receptionCancellation_.get_token());
-
         {
             std::lock_guard<std::mutex> lock(pollsMutex_);
             ++pollsInFlight_;
             counted = true;
         }
+        poll =
+            std::make_shared<PollContext>(mailbox, mailboxId, receptionCancellation_.get_token());
+        // A poll uses the token as it stands: the heartbeat and the other calls renew it.
+        call.header("User-Agent", RestCall::kUserAgent)
+            .header("Authorization", bearerAuthorization())
+            .cancellation(poll->cancellation.get_token());
+
         // Every outcome is taken by the last continuation, so no task of a poll ever ends
         // holding an exception nobody observes (that would end the process).
-        const auto poll = std::make_shared<PollContext>(PollContext{mailbox, mailboxId});
         pplx::task<void> receptionTask =
             call.sendUnchecked(currentClient())
                 .then([this, poll](pplx::task<http_response> responseTask) {
@@ -110,12 +134,14 @@ void QxPlatformApi::retrieveMail(const std::shared_ptr<Mailbox>& mailbox) {
                         ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
                                       L"Mailbox " + mailboxId + L" stopped receiving mail.");
                     }
+                    poll->endCancellation();
                     pollEnded();
                     // Nothing of this object is used from here on (see PollContext).
                     poll->mailbox.reset();
                 });
         // From here the chain's last continuation ends the poll's count.
         counted = false;
+        poll.reset();
 
         std::lock_guard<std::mutex> lock(objectLock_);
         const auto entry = mailboxTable_.find(mailboxId);
@@ -124,6 +150,9 @@ void QxPlatformApi::retrieveMail(const std::shared_ptr<Mailbox>& mailbox) {
         }
     } catch (const std::exception& e) {
         if (counted) {
+            if (poll) {
+                poll->endCancellation();
+            }
             pollEnded();
         }
         DebugLog::error(L"Mailbox with id : " + mailboxId +
@@ -131,6 +160,9 @@ void QxPlatformApi::retrieveMail(const std::shared_ptr<Mailbox>& mailbox) {
                         L"\".");
     } catch (...) {
         if (counted) {
+            if (poll) {
+                poll->endCancellation();
+            }
             pollEnded();
         }
         DebugLog::error(L"Mailbox with id : " + mailboxId +
