@@ -175,6 +175,7 @@ void QxPlatformApi::clearToken() {
     std::lock_guard<std::mutex> lock(stateMutex_);
     currentToken_.accessToken.clear();
     currentToken_.expiresAt = Token::TimePoint();
+    bearerHeader_ = kBearerPrefix;
 }
 
 const Token& QxPlatformApi::getCurrentToken() {
@@ -201,7 +202,8 @@ std::wstring QxPlatformApi::currentAccessToken() const {
 }
 
 std::string QxPlatformApi::bearerAuthorization() const {
-    return "Bearer " + narrow(currentAccessToken());
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    return bearerHeader_;
 }
 
 void QxPlatformApi::storeToken(const Token& token) {
@@ -210,6 +212,7 @@ void QxPlatformApi::storeToken(const Token& token) {
     currentToken_.account = token.account;
     currentToken_.keySet = token.keySet;
     currentToken_.expiresAt = token.expiresAt;
+    bearerHeader_ = kBearerPrefix + narrow(token.accessToken);
 }
 
 }  // namespace Rest

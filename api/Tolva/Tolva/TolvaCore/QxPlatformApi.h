@@ -318,6 +318,10 @@ class TOLVA_EXPORT QxPlatformApi {
     std::wstring platformUrl_;
     std::wstring apiKey_;
     Token currentToken_;
+    /// The Authorization header text for the current token ("Bearer " and the token in
+    /// UTF-8), made when the token changes rather than on every request.
+    static constexpr const char* kBearerPrefix = "Bearer ";
+    std::string bearerHeader_ = kBearerPrefix;
     /// Guards the mailbox table and the unregistration side of the service table, and is held
     /// by the heartbeat task for each whole pass.
     std::mutex objectLock_;

@@ -44,8 +44,10 @@ void QxPlatformApi::postNotification(const std::wstring& topic, const std::wstri
     }
     body["source"] = value::string(RestCall::kUserAgent);
 
-    Varkel::Zu::DebugLog::trace(L"Sending QXP notification: " + widen(body.serialize()));
-    call.jsonBody(body);
+    // Serialised once, for the debug-log line and as the body sent.
+    const std::string serialised = body.serialize();
+    Varkel::Zu::DebugLog::trace("Sending QXP notification: " + serialised);
+    call.textBody(serialised, RestCall::kJsonContentType);
 
     RestCall::translatingHttpFailure([&] { call.perform(currentClient()); });
 }
