@@ -15,11 +15,12 @@
 /// handled on a thread of the HTTP library's pool, which hands every notification to the
 /// mailbox's listeners (Mailbox::receiveMail) and then starts the mailbox's next poll:
 /// - Listeners run on those pool threads, one at a time per mailbox. A slow listener delays
-///   only its own mailbox's next poll, but it holds a pool thread meanwhile: the pool has 40
-///   threads by default, so at most about 40 listeners may block at once before every request
-///   of the process (polls, posts, heartbeats) stalls. A listener may call back into this
-///   object (post, even postNotificationAndWaitForReply): that blocks one more pool thread
-///   until the answer comes.
+///   only its own mailbox's next poll, but it holds a pool thread meanwhile: the pool has 4
+///   threads unless the host sets another size (WebUtils::setHttpThreadPoolSize,
+///   TOLVA_HTTP_THREADS), and once every pool thread is held by a blocking listener every
+///   request of the process (polls, posts, heartbeats) stalls. A listener may call back into
+///   this object (post, even postNotificationAndWaitForReply): that blocks one more pool
+///   thread until the answer comes, which the default of 4 allows for.
 /// - Every live mailbox holds one socket to the platform for its poll: a host with thousands of
 ///   mailboxes needs a descriptor limit (ulimit -n) above that number.
 /// - A poll that fails in transport (connection refused or reset, the platform restarting, the
