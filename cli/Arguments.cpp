@@ -10,16 +10,17 @@ namespace tolva {
 
 namespace {
 
-const OptionSpec* findOption(const std::vector<OptionSpec>& options, const std::string& name) {
-    const auto it = std::find_if(options.begin(), options.end(),
-                                 [&name](const OptionSpec& option) { return option.name == name; });
+const OptionSyntax* findOption(const std::vector<OptionSyntax>& options, const std::string& name) {
+    const auto it =
+        std::find_if(options.begin(), options.end(),
+                     [&name](const OptionSyntax& option) { return option.name == name; });
     return it == options.end() ? nullptr : &*it;
 }
 
-const OptionSpec* findShortOption(const std::vector<OptionSpec>& options, char letter) {
+const OptionSyntax* findShortOption(const std::vector<OptionSyntax>& options, char letter) {
     const auto it =
         std::find_if(options.begin(), options.end(),
-                     [letter](const OptionSpec& option) { return option.shortName == letter; });
+                     [letter](const OptionSyntax& option) { return option.shortName == letter; });
     return it == options.end() ? nullptr : &*it;
 }
 
@@ -40,8 +41,8 @@ long long parseNumber(const std::string& what, const std::string& text, long lon
     return number;
 }
 
-Arguments Arguments::parse(const CommandSpec& spec, const std::vector<std::string>& args) {
-    const std::vector<OptionSpec> options = spec.allOptions();
+Arguments Arguments::parse(const CommandSyntax& syntax, const std::vector<std::string>& args) {
+    const std::vector<OptionSyntax> options = syntax.allOptions();
     Arguments parsed;
     bool optionsEnded = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
@@ -54,7 +55,7 @@ Arguments Arguments::parse(const CommandSpec& spec, const std::vector<std::strin
             optionsEnded = true;
             continue;
         }
-        const OptionSpec* option = nullptr;
+        const OptionSyntax* option = nullptr;
         std::string inlineValue;
         bool hasInlineValue = false;
         if (word[1] == '-') {
@@ -70,7 +71,7 @@ Arguments Arguments::parse(const CommandSpec& spec, const std::vector<std::strin
             option = findShortOption(options, word[1]);
         }
         if (!option) {
-            throw UsageError("unknown option " + word + " for \"" + spec.name + "\"");
+            throw UsageError("unknown option " + word + " for \"" + syntax.name + "\"");
         }
         std::vector<std::string>& values = parsed.options_[option->name];
         if (!values.empty() && !option->repeatable) {
@@ -93,12 +94,12 @@ Arguments Arguments::parse(const CommandSpec& spec, const std::vector<std::strin
         return parsed;
     }
     const std::size_t count = parsed.positional_.size();
-    if (count < spec.minPositional) {
-        throw UsageError("\"" + spec.name + "\" needs " + spec.synopsis);
+    if (count < syntax.minPositional) {
+        throw UsageError("\"" + syntax.name + "\" needs " + syntax.synopsis);
     }
-    if (count > spec.maxPositional) {
-        throw UsageError("unexpected argument \"" + parsed.positional_[spec.maxPositional] +
-                         "\" for \"" + spec.name + "\"");
+    if (count > syntax.maxPositional) {
+        throw UsageError("unexpected argument \"" + parsed.positional_[syntax.maxPositional] +
+                         "\" for \"" + syntax.name + "\"");
     }
     return parsed;
 }

@@ -1,9 +1,9 @@
-// Arguments: one subcommand's command line, parsed against its CommandSpec. Options may be
-// written "--name value" or "--name=value"; "--" ends the options. Anything the spec does not
+// Arguments: one subcommand's command line, parsed against its CommandSyntax. Options may be
+// written "--name value" or "--name=value"; "--" ends the options. Anything the syntax does not
 // allow is a UsageError.
 #pragma once
 
-#include "CommandSpec.h"
+#include "CommandSyntax.h"
 
 #include <map>
 #include <string>
@@ -15,9 +15,9 @@ class Arguments {
   public:
     // Parses `args` (the words after the subcommand's name). Throws UsageError for an
     // unknown option, a missing value, a repeated option that is not repeatable, or a count
-    // of positional arguments outside the spec's range. "--help" is accepted anywhere and
+    // of positional arguments outside the syntax's range. "--help" is accepted anywhere and
     // skips the positional count check.
-    static Arguments parse(const CommandSpec& spec, const std::vector<std::string>& args);
+    static Arguments parse(const CommandSyntax& syntax, const std::vector<std::string>& args);
 
     bool has(const std::string& name) const;
     // The option's (last) value, or `fallback` when it was not given.

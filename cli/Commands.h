@@ -1,9 +1,9 @@
-// The tool's subcommands: each has a spec (options, help) and a function that runs it and
+// The tool's subcommands: each has a syntax (options, help) and a function that runs it and
 // returns the process's exit status.
 #pragma once
 
 #include "Arguments.h"
-#include "CommandSpec.h"
+#include "CommandSyntax.h"
 
 #include <vector>
 
@@ -15,7 +15,7 @@ constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 
 struct Command {
-    CommandSpec spec;
+    CommandSyntax syntax;
     int (*run)(const Arguments& arguments);
 };
 

@@ -29,9 +29,9 @@ std::string overview() {
         "\n"
         "Commands:\n";
     for (const auto& command : commands()) {
-        std::string left = "  " + command.spec.name;
+        std::string left = "  " + command.syntax.name;
         left.resize(12, ' ');
-        text += left + command.spec.summary + "\n";
+        text += left + command.syntax.summary + "\n";
     }
     text +=
         "\n"
@@ -43,7 +43,7 @@ std::string overview() {
 
 const Command* findCommand(const std::string& name) {
     for (const auto& command : commands()) {
-        if (command.spec.name == name) {
+        if (command.syntax.name == name) {
             return &command;
         }
     }
@@ -75,7 +75,7 @@ int main(int argc, char** argv) {
     const std::vector<std::string> words(argv + 1, argv + argc);
     if (words.empty() || words[0] == "--help" || words[0] == "-h" || words[0] == "help") {
         if (words.size() > 1 && findCommand(words[1])) {
-            Console::out(findCommand(words[1])->spec.helpText());
+            Console::out(findCommand(words[1])->syntax.helpText());
             return kExitOk;
         }
         (words.empty() ? Console::err : Console::out)(overview());
@@ -88,9 +88,9 @@ int main(int argc, char** argv) {
     }
     try {
         const Arguments arguments = Arguments::parse(
-            command->spec, std::vector<std::string>(words.begin() + 1, words.end()));
+            command->syntax, std::vector<std::string>(words.begin() + 1, words.end()));
         if (arguments.has("help")) {
-            Console::out(command->spec.helpText());
+            Console::out(command->syntax.helpText());
             return kExitOk;
         }
         const bool verbose = arguments.has("verbose");
@@ -99,11 +99,11 @@ int main(int argc, char** argv) {
         PlatformConnection::watchLibraryErrors();
         return command->run(arguments);
     } catch (const UsageError& e) {
-        Console::err("tolva " + command->spec.name + ": " + e.what() + "\n(\"tolva " +
-                     command->spec.name + " --help\" shows the usage)");
+        Console::err("tolva " + command->syntax.name + ": " + e.what() + "\n(\"tolva " +
+                     command->syntax.name + " --help\" shows the usage)");
         return kExitUsage;
     } catch (const std::exception& e) {
-        Console::err("tolva " + command->spec.name + ": " + e.what());
+        Console::err("tolva " + command->syntax.name + ": " + e.what());
         return kExitFailure;
     }
 }

@@ -1,4 +1,4 @@
-// CommandSpec: what one subcommand of the tool accepts (its options and how many positional
+// CommandSyntax: what one subcommand of the tool accepts (its options and how many positional
 // arguments), and the help text printed for it.
 #pragma once
 
@@ -8,7 +8,7 @@
 
 namespace tolva {
 
-struct OptionSpec {
+struct OptionSyntax {
     // Long name without the dashes ("url" for --url).
     std::string name;
     // Name of the value in the help text ("URL"); empty for a flag that takes no value.
@@ -20,14 +20,14 @@ struct OptionSpec {
     char shortName = 0;
 };
 
-struct CommandSpec {
+struct CommandSyntax {
     std::string name;
     // The positional part of the synopsis ("TOPIC CONTENT").
     std::string synopsis;
     std::string summary;
     // Longer explanation printed under the synopsis by --help.
     std::string description;
-    std::vector<OptionSpec> options;
+    std::vector<OptionSyntax> options;
     std::size_t minPositional = 0;
     std::size_t maxPositional = 0;
     // Whether the platform connection options apply (--url, --credentials, ...).
@@ -36,7 +36,7 @@ struct CommandSpec {
     // The help text: synopsis, description and every option (the common ones included).
     std::string helpText() const;
     // The options a command accepts: its own, then the common ones.
-    std::vector<OptionSpec> allOptions() const;
+    std::vector<OptionSyntax> allOptions() const;
 };
 
 }  // namespace tolva

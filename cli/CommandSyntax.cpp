@@ -1,4 +1,4 @@
-#include "CommandSpec.h"
+#include "CommandSyntax.h"
 
 #include <sstream>
 
@@ -6,8 +6,8 @@ namespace tolva {
 
 namespace {
 
-std::vector<OptionSpec> commonOptions(bool connects) {
-    std::vector<OptionSpec> options;
+std::vector<OptionSyntax> commonOptions(bool connects) {
+    std::vector<OptionSyntax> options;
     if (connects) {
         options.push_back({"url", "URL", "platform URL (default: \"url\" of QX_PLATFORM_CONFIG)"});
         options.push_back({"credentials", "KEY",
@@ -25,15 +25,15 @@ std::vector<OptionSpec> commonOptions(bool connects) {
 
 }  // namespace
 
-std::vector<OptionSpec> CommandSpec::allOptions() const {
-    std::vector<OptionSpec> all = options;
+std::vector<OptionSyntax> CommandSyntax::allOptions() const {
+    std::vector<OptionSyntax> all = options;
     for (auto& option : commonOptions(connects)) {
         all.push_back(std::move(option));
     }
     return all;
 }
 
-std::string CommandSpec::helpText() const {
+std::string CommandSyntax::helpText() const {
     std::ostringstream out;
     out << "Usage: tolva " << name << (synopsis.empty() ? "" : " " + synopsis) << " [options]\n\n"
         << summary << "\n";
