@@ -87,9 +87,6 @@ QxPlatformApi::~QxPlatformApi() {
             receptionTasks.push_back(entry.second.receptionTask);
         }
     }
-    // Each poll is sent with a token of its own (see retrieveMail): those still in flight,
-    // deleted mailboxes' included, are cancelled here with the reception source.
-    cancelPollsInFlight();
     // Waited for outside the object lock: a reception continuation that meets an unexpected
     // status takes that lock, so waiting for it while holding the lock could deadlock.
     for (const auto& task : receptionTasks) {

@@ -49,7 +49,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include <cpprest/http_client.h>
@@ -298,8 +297,7 @@ class TOLVA_EXPORT QxPlatformApi {
                            const std::exception& failure);
     void queueDuePollRetries();
     std::chrono::steady_clock::time_point nextPollRetryDeadline();
-    void pollEnded(const PollContext& poll);
-    void cancelPollsInFlight();
+    void pollEnded();
     void waitForPollsToEnd();
     void heartbeatPass();
     std::vector<ServiceCredentials> copyServiceTable() const;
@@ -352,12 +350,11 @@ class TOLVA_EXPORT QxPlatformApi {
 
     /// Every poll whose task has not ended yet, deleted mailboxes' included. A deleted
     /// mailbox's task is no longer in the mailbox table, but its continuation still uses this
-    /// object; the destructor cancels these polls and waits for the set to empty so that no
-    /// continuation outlives the object. The same lock guards the delayed retries and the
-    /// back-off state.
+    /// object; the destructor waits for this count to reach zero so that no continuation
+    /// outlives the object. The same lock guards the delayed retries and the back-off state.
     std::mutex pollsMutex_;
     std::condition_variable pollsEnded_;
-    std::unordered_set<const PollContext*> pollsInFlight_;
+    std::size_t pollsInFlight_ = 0;
     /// Mailboxes to queue again once their back-off has passed, by due time.
     std::multimap<std::chrono::steady_clock::time_point, std::shared_ptr<Mailbox>> pollRetries_;
     /// Consecutive transport failures per mailbox id.

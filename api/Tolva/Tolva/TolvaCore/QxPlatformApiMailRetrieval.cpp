@@ -40,19 +40,30 @@ using SteadyClock = std::chrono::steady_clock;
 // poll has been counted out: should the object then be destroyed on that pool thread, its
 // destructor does not wait for this very poll, and nothing of the object is used afterwards.
 //
-// Each poll is sent with a cancellation token of its own, which the destructor cancels for the
-// polls still in flight. The HTTP library registers a callback on the token of every request it
-// sends and removes it when the request ends, unless the answer came before the registration was
-// made (it is made after the request is under way): that registration then stays, keeping the
-// memory of the request's context, for as long as the token lives. On one token shared by every
-// poll they would pile up for the object's whole life; on a poll's token they go with the poll.
+// Each poll is sent with a cancellation token of its own, which the object's reception source
+// cancels for as long as the poll is outstanding. The HTTP library registers a callback on the
+// token of every request it sends and removes it when the request ends, unless the answer came
+// before the registration was made (it is made after the request is under way): that
+// registration then stays, keeping the memory of the request's context, for as long as the token
+// lives. On the object's own token they would pile up for the object's whole life; on a poll's
+// token they go with the poll.
 struct QxPlatformApi::PollContext {
-    PollContext(std::shared_ptr<Mailbox> polled, std::wstring id)
-        : mailbox(std::move(polled)), mailboxId(std::move(id)) {}
+    PollContext(std::shared_ptr<Mailbox> polled, std::wstring id,
+                const pplx::cancellation_token& stopping)
+        : mailbox(std::move(polled)),
+          mailboxId(std::move(id)),
+          stoppingToken(stopping),
+          stopRegistration(
+              stoppingToken.register_callback([source = cancellation] { source.cancel(); })) {}
+
+    // Called once, when the poll ends: the object's source no longer needs to reach this poll.
+    void endCancellation() { stoppingToken.deregister_callback(stopRegistration); }
 
     std::shared_ptr<Mailbox> mailbox;
     std::wstring mailboxId;
     pplx::cancellation_token_source cancellation;
+    pplx::cancellation_token stoppingToken;
+    pplx::cancellation_token_registration stopRegistration;
 };
 
 void QxPlatformApi::queryLauncherThreadLoop() {
@@ -91,12 +102,13 @@ void QxPlatformApi::retrieveMail(const std::shared_ptr<Mailbox>& mailbox) {
     try {
         RestCall call(web::http::methods::GET, std::string(ApiDefaults::kNotificationsPath) + "/" +
                                                    narrow(mailboxId) + ApiDefaults::kPollQuery);
-        poll = std::make_shared<PollContext>(mailbox, mailboxId);
         {
             std::lock_guard<std::mutex> lock(pollsMutex_);
-            pollsInFlight_.insert(poll.get());
+            ++pollsInFlight_;
             counted = true;
         }
+        poll =
+            std::make_shared<PollContext>(mailbox, mailboxId, receptionCancellation_.get_token());
         // A poll uses the token as it stands: the heartbeat and the other calls renew it.
         call.header("User-Agent", RestCall::kUserAgent)
             .header("Authorization", bearerAuthorization())
@@ -122,12 +134,14 @@ void QxPlatformApi::retrieveMail(const std::shared_ptr<Mailbox>& mailbox) {
                         ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
                                       L"Mailbox " + mailboxId + L" stopped receiving mail.");
                     }
-                    pollEnded(*poll);
+                    poll->endCancellation();
+                    pollEnded();
                     // Nothing of this object is used from here on (see PollContext).
                     poll->mailbox.reset();
                 });
         // From here the chain's last continuation ends the poll's count.
         counted = false;
+        poll.reset();
 
         std::lock_guard<std::mutex> lock(objectLock_);
         const auto entry = mailboxTable_.find(mailboxId);
@@ -136,14 +150,20 @@ void QxPlatformApi::retrieveMail(const std::shared_ptr<Mailbox>& mailbox) {
         }
     } catch (const std::exception& e) {
         if (counted) {
-            pollEnded(*poll);
+            if (poll) {
+                poll->endCancellation();
+            }
+            pollEnded();
         }
         DebugLog::error(L"Mailbox with id : " + mailboxId +
                         L" cannot receive mail anymore. Exception message : \"" + widen(e.what()) +
                         L"\".");
     } catch (...) {
         if (counted) {
-            pollEnded(*poll);
+            if (poll) {
+                poll->endCancellation();
+            }
+            pollEnded();
         }
         DebugLog::error(L"Mailbox with id : " + mailboxId +
                         L" cannot receive mail anymore. Unknown exception.");
@@ -246,34 +266,19 @@ SteadyClock::time_point QxPlatformApi::nextPollRetryDeadline() {
     return pollRetries_.begin()->first;
 }
 
-void QxPlatformApi::pollEnded(const PollContext& poll) {
+void QxPlatformApi::pollEnded() {
     // Notified under the lock: the destructor cannot go on (and destroy the lock) before this
     // thread has released it, which is its last use of this object.
     std::lock_guard<std::mutex> lock(pollsMutex_);
-    pollsInFlight_.erase(&poll);
-    if (pollsInFlight_.empty()) {
+    --pollsInFlight_;
+    if (pollsInFlight_ == 0) {
         pollsEnded_.notify_all();
-    }
-}
-
-void QxPlatformApi::cancelPollsInFlight() {
-    std::vector<pplx::cancellation_token_source> sources;
-    {
-        std::lock_guard<std::mutex> lock(pollsMutex_);
-        for (const PollContext* poll : pollsInFlight_) {
-            sources.push_back(poll->cancellation);
-        }
-    }
-    // Outside the lock: cancelling closes each poll's connection, and a poll that ends
-    // meanwhile takes the lock to count itself out.
-    for (const auto& source : sources) {
-        source.cancel();
     }
 }
 
 void QxPlatformApi::waitForPollsToEnd() {
     std::unique_lock<std::mutex> lock(pollsMutex_);
-    pollsEnded_.wait(lock, [this] { return pollsInFlight_.empty(); });
+    pollsEnded_.wait(lock, [this] { return pollsInFlight_ == 0; });
     pollRetries_.clear();
 }
 
