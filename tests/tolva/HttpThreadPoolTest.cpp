@@ -13,6 +13,7 @@
 #include <fstream>
 #include <thread>
 
+#include <pplx/pplxtasks.h>
 #include <pplx/threadpool.h>
 
 namespace TolvaRestTest {
@@ -120,6 +121,26 @@ class HttpThreadPoolTest : public MailTest {
         EXPECT_EQ(waitForPolls(*inbox, 1).size(), 1u);
         return inbox;
     }
+
+    // Deletes `inbox`, whose listener holds `api`, and lets go of both. The deleted mailbox's
+    // poll runs to its end on its own and holds the listener until then, so `api` is destroyed
+    // on a pool thread once the platform answers that poll. This waits for that, and for the
+    // pool to run what was queued behind it, so that the process never exits with that
+    // teardown half done.
+    static void stopServing(std::shared_ptr<QxPlatformApi> api, std::shared_ptr<Mailbox> inbox) {
+        api->deleteMailbox(inbox);
+        const std::weak_ptr<QxPlatformApi> left = api;
+        inbox.reset();
+        api.reset();
+        const auto deadline = Clock::now() + std::chrono::seconds(10);
+        while (!left.expired() && Clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        EXPECT_TRUE(left.expired()) << "the deleted mailbox's poll still holds the API object";
+        for (int round = 0; round < 3; ++round) {
+            pplx::create_task([] {}).wait();
+        }
+    }
 };
 
 TEST_F(HttpThreadPoolTest, APoolOfOneServesTwoApiObjectsWhoseListenersDoNotBlock) {
@@ -135,23 +156,24 @@ TEST_F(HttpThreadPoolTest, APoolOfOneServesTwoApiObjectsWhoseListenersDoNotBlock
                       Clock::now() + std::chrono::seconds(20)),
                   L"pong to ping" + std::to_wstring(i));
     }
-    responder->deleteMailbox(inbox);
+    listener.reset();
+    stopServing(std::move(responder), std::move(inbox));
 }
 
 TEST_F(HttpThreadPoolTest, TheDefaultPoolServesAListenerThatPostsItself) {
-    const auto responder = makeApi();
+    auto responder = makeApi();
     const auto requester = makeApi();
     auto inbox =
         serve(responder, L"service/requests", std::make_shared<DirectResponder>(responder, L"r/2"));
     EXPECT_EQ(requester->postNotificationAndWaitForReply(L"service/requests", L"ping", L"r/2",
                                                          Clock::now() + std::chrono::seconds(20)),
               L"pong to ping");
-    responder->deleteMailbox(inbox);
+    stopServing(std::move(responder), std::move(inbox));
 }
 
 TEST_F(HttpThreadPoolTest, TheDefaultPoolServesAListenerThatDoesRequestAndReplyItself) {
-    const auto inner = makeApi();
-    const auto relay = makeApi();
+    auto inner = makeApi();
+    auto relay = makeApi();
     const auto requester = makeApi();
     auto innerInbox =
         serve(inner, L"inner/requests", std::make_shared<DirectResponder>(inner, L"inner/replies"));
@@ -161,8 +183,8 @@ TEST_F(HttpThreadPoolTest, TheDefaultPoolServesAListenerThatDoesRequestAndReplyI
         requester->postNotificationAndWaitForReply(L"outer/requests", L"ping", L"outer/replies",
                                                    Clock::now() + std::chrono::seconds(30)),
         L"relayed pong to ping");
-    relay->deleteMailbox(relayInbox);
-    inner->deleteMailbox(innerInbox);
+    stopServing(std::move(relay), std::move(relayInbox));
+    stopServing(std::move(inner), std::move(innerInbox));
 }
 
 TEST_F(HttpThreadPoolTest, TheHeartbeatRunsOnAThreadOfItsOwn) {
