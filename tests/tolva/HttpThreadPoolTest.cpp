@@ -13,7 +13,6 @@
 #include <fstream>
 #include <thread>
 
-#include <pplx/pplxtasks.h>
 #include <pplx/threadpool.h>
 
 namespace TolvaRestTest {
@@ -120,26 +119,6 @@ class HttpThreadPoolTest : public MailTest {
         api->createMailbox(inbox, requestTopic);
         EXPECT_EQ(waitForPolls(*inbox, 1).size(), 1u);
         return inbox;
-    }
-
-    // Deletes `inbox`, whose listener holds `api`, and lets go of both. The deleted mailbox's
-    // poll runs to its end on its own and holds the listener until then, so `api` is destroyed
-    // on a pool thread once the platform answers that poll. This waits for that, and for the
-    // pool to run what was queued behind it, so that the process never exits with that
-    // teardown half done.
-    static void stopServing(std::shared_ptr<QxPlatformApi> api, std::shared_ptr<Mailbox> inbox) {
-        api->deleteMailbox(inbox);
-        const std::weak_ptr<QxPlatformApi> left = api;
-        inbox.reset();
-        api.reset();
-        const auto deadline = Clock::now() + std::chrono::seconds(10);
-        while (!left.expired() && Clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        EXPECT_TRUE(left.expired()) << "the deleted mailbox's poll still holds the API object";
-        for (int round = 0; round < 3; ++round) {
-            pplx::create_task([] {}).wait();
-        }
     }
 };
 

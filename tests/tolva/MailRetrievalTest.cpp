@@ -321,8 +321,7 @@ TEST_F(MailRetrievalTest, RequestAndReplyAnsweredByASecondApiObject) {
     EXPECT_EQ(reply, L"pong to ping");
     EXPECT_TRUE(requester->hasDeletedMailboxes());
     // The responder's listener holds its API object: break the cycle before teardown.
-    responderApi->deleteMailbox(inbox);
-    inbox.reset();
+    stopServing(std::move(responderApi), std::move(inbox));
 }
 
 TEST_F(MailRetrievalTest, ATimeOutReturnsEmptyAtTheDeadline) {

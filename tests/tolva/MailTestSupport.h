@@ -16,8 +16,11 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
+
+#include <pplx/pplxtasks.h>
 
 #include <boost/uuid/uuid_io.hpp>
 
@@ -88,6 +91,26 @@ class MailTest : public RestTest {
                 return r.method == "GET" && r.target == target;
             },
             count, timeout);
+    }
+
+    // Deletes `inbox`, whose listener holds `api`, and lets go of both. The deleted mailbox's
+    // poll runs to its end on its own and holds the listener until then, so `api` is destroyed
+    // on a pool thread once the platform answers that poll. This waits for that, and for the
+    // pool to run what was queued behind it, so that the process never exits with that
+    // teardown half done.
+    static void stopServing(std::shared_ptr<QxPlatformApi> api, std::shared_ptr<Mailbox> inbox) {
+        api->deleteMailbox(inbox);
+        const std::weak_ptr<QxPlatformApi> left = api;
+        inbox.reset();
+        api.reset();
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (!left.expired() && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        EXPECT_TRUE(left.expired()) << "the deleted mailbox's poll still holds the API object";
+        for (int round = 0; round < 3; ++round) {
+            pplx::create_task([] {}).wait();
+        }
     }
 
     static std::shared_ptr<Mailbox> newMailbox(unsigned int ttl = 0) {
