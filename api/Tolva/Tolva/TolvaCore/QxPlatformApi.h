@@ -203,7 +203,8 @@ class TOLVA_EXPORT QxPlatformApi {
     /// Forgets the mailbox and deletes it on the platform (DELETE ".../mailbox/<secret>"). The
     /// mailbox is out of this object's table before the request leaves: a failed DELETE is not
     /// retried, and a second call throws. A 404 answer is only a warning. Its outstanding poll, if
-    /// any, ends on its own (at the latest after the platform's 30-second wait). Throws
+    /// any, ends on its own (at the latest after the platform's 30-second wait) and holds the
+    /// mailbox and its listeners until then; mail it still brings is delivered. Throws
     /// Varkel::Zu::InvalidArgumentException "Mailbox was not created by this instance of the QX
     /// Platform API." for a mailbox this object did not create (nothing is sent), and
     /// web::http::http_exception for a status other than 204 or 404 or a transport failure.
