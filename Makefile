@@ -3,7 +3,10 @@
 # through CTest. On a machine without make, scripts/setup.sh installs it first. The sanitizer
 # variants do the same in their own build folders.
 
-DEBIAN_PACKAGES := build-essential cmake ninja-build pkg-config \
+# `file` is for CPack's Debian generator, which needs it to work out the package's run-time
+# dependencies; doxygen builds the API reference and chromium renders the emulator's dashboard
+# in its test.
+DEBIAN_PACKAGES := build-essential cmake ninja-build pkg-config file \
 	libcpprest-dev libboost-dev libboost-system-dev libboost-thread-dev \
 	libboost-program-options-dev libssl-dev libspdlog-dev nlohmann-json3-dev \
 	libgtest-dev libgmock-dev libbenchmark-dev libcurl4-openssl-dev tinyproxy curl doxygen chromium
