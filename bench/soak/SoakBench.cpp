@@ -2,7 +2,8 @@
 // under steady posting and request/reply, answered by a second API object, against
 // qxp-emulator in a process of its own. Every minute it prints the process's resident memory,
 // open descriptors and threads with the traffic so far; at the end it compares the last
-// sample with the one at five minutes (target: under 1% growth) and says whether any mail or
+// sample with the one at five minutes (target: under 1% growth), says where in the address
+// space the resident memory grew (allocator arenas, main heap, files...) and whether any mail or
 // reply went missing.
 //
 //   soak_bench [--minutes 60] [--mailboxes 100] [--services 10] [--posts-per-second 50]
@@ -26,6 +27,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -155,12 +157,20 @@ int main(int argc, char** argv) {
         "minute  rss_KiB  heap_KiB  fds  threads  posted  post_failures  mail_received  replies  "
         "missed_replies\n");
     std::vector<Sample> samples;
+    // Growth is measured from minute 5 (from the start in runs shorter than that).
+    const int baseMinute = minutes >= 5 ? 5 : 0;
+    std::map<std::string, long> kindsAtBase;
+    std::map<std::string, long> kindsAtEnd;
     const auto start = Clock::now();
     bool emulatorEnded = false;
     for (int minute = 0; minute <= minutes; ++minute) {
         std::this_thread::sleep_until(start + std::chrono::minutes(minute));
         samples.push_back({minute, TolvaBench::residentKiB(), TolvaBench::heapInUseKiB(),
                            TolvaBench::openDescriptors(), TolvaBench::threadCount()});
+        kindsAtEnd = TolvaBench::residentKiBByKind();
+        if (minute == baseMinute) {
+            kindsAtBase = kindsAtEnd;
+        }
         std::printf("%6d %8ld %9ld %4zu %8zu %7ld %14ld %14ld %8ld %15ld\n", minute,
                     samples.back().rssKiB, samples.back().heapKiB, samples.back().descriptors,
                     samples.back().threads, posted.load(), postFailures.load(),
@@ -180,7 +190,7 @@ int main(int argc, char** argv) {
         return 1;
     }
 
-    const Sample& base = samples.size() > 5 ? samples[5] : samples.front();
+    const Sample& base = samples[std::min<std::size_t>(baseMinute, samples.size() - 1)];
     const Sample& last = samples.back();
     std::printf(
         "growth from minute %d to %d: rss %.2f%%, heap in use %.2f%%, descriptors %.2f%%, "
@@ -189,6 +199,11 @@ int main(int argc, char** argv) {
         growthPercent(double(base.heapKiB), double(last.heapKiB)),
         growthPercent(double(base.descriptors), double(last.descriptors)),
         growthPercent(double(base.threads), double(last.threads)));
+    std::printf("resident KiB by kind of mapping, minute %d -> %d:", base.minute, last.minute);
+    for (const auto& [kind, kiB] : kindsAtEnd) {
+        std::printf(" %s %ld -> %ld;", kind.c_str(), kindsAtBase[kind], kiB);
+    }
+    std::printf("\n");
     // Every post reaches the mailboxes of its topic: mailboxes / 10 of them.
     const long expected = posted.load() * (mailboxes / 10);
     std::printf("mail expected %ld, received %ld; replies %ld, missed %ld\n", expected,
