@@ -167,9 +167,11 @@ int main(int argc, char** argv) {
         std::this_thread::sleep_until(start + std::chrono::minutes(minute));
         samples.push_back({minute, TolvaBench::residentKiB(), TolvaBench::heapInUseKiB(),
                            TolvaBench::openDescriptors(), TolvaBench::threadCount()});
-        kindsAtEnd = TolvaBench::residentKiBByKind();
         if (minute == baseMinute) {
-            kindsAtBase = kindsAtEnd;
+            kindsAtBase = TolvaBench::residentKiBByKind();
+        }
+        if (minute == minutes) {
+            kindsAtEnd = TolvaBench::residentKiBByKind();
         }
         std::printf("%6d %8ld %9ld %4zu %8zu %7ld %14ld %14ld %8ld %15ld\n", minute,
                     samples.back().rssKiB, samples.back().heapKiB, samples.back().descriptors,

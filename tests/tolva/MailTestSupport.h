@@ -16,7 +16,6 @@
 #include <functional>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -103,11 +102,8 @@ class MailTest : public RestTest {
         const std::weak_ptr<QxPlatformApi> left = api;
         inbox.reset();
         api.reset();
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (!left.expired() && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        EXPECT_TRUE(left.expired()) << "the deleted mailbox's poll still holds the API object";
+        EXPECT_TRUE(waitUntil([&] { return left.expired(); }, std::chrono::seconds(10)))
+            << "the deleted mailbox's poll still holds the API object";
         for (int round = 0; round < 3; ++round) {
             pplx::create_task([] {}).wait();
         }

@@ -16,7 +16,6 @@ namespace Tolva {
 namespace Rest {
 
 using Varkel::Zu::narrow;
-using Varkel::Zu::widen;
 using web::json::value;
 
 void QxPlatformApi::postNotification(const std::wstring& topic, const std::wstring& content,
