@@ -94,19 +94,20 @@ class MailTest : public RestTest {
 
     // Deletes `inbox`, whose listener holds `api`, and lets go of both. The deleted mailbox's
     // poll runs to its end on its own and holds the listener until then, so `api` is destroyed
-    // on a pool thread once the platform answers that poll. This waits for that, and for the
-    // pool to run what was queued behind it, so that the process never exits with that
-    // teardown half done.
+    // on a delivery thread once the platform answers that poll. This waits until that
+    // destructor has written its last line, so that the process never exits with that teardown
+    // half done (an expired weak_ptr only says that it has begun).
     static void stopServing(std::shared_ptr<QxPlatformApi> api, std::shared_ptr<Mailbox> inbox) {
+        const DebugLogTail log;
         api->deleteMailbox(inbox);
         const std::weak_ptr<QxPlatformApi> left = api;
         inbox.reset();
         api.reset();
-        EXPECT_TRUE(waitUntil([&] { return left.expired(); }, std::chrono::seconds(10)))
+        EXPECT_TRUE(waitUntil([&] { return left.expired(); }, std::chrono::seconds(20)))
             << "the deleted mailbox's poll still holds the API object";
-        for (int round = 0; round < 3; ++round) {
-            pplx::create_task([] {}).wait();
-        }
+        EXPECT_TRUE(waitUntil([&] { return log.countLinesStartingWith("TRACE: It took ") >= 1; },
+                              std::chrono::seconds(20)))
+            << "the API object's destructor did not finish";
     }
 
     static std::shared_ptr<Mailbox> newMailbox(unsigned int ttl = 0) {

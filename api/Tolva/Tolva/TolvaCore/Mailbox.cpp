@@ -1,6 +1,8 @@
 #include <TolvaCore/Mailbox.h>
 
+#include <ZuCore/InvalidArgumentException.h>
 #include <ZuCore/LogMacros.h>
+#include <ZuCore/ThrowException.h>
 
 #include <algorithm>
 
@@ -68,6 +70,10 @@ void Mailbox::setSecret(const std::wstring& newSecret) {
 }
 
 void Mailbox::addListener(const std::shared_ptr<MailboxListener>& listener) {
+    if (!listener) {
+        // Refused here rather than failing at the next mail, on a delivery thread.
+        ZU_THROW(Varkel::Zu::InvalidArgumentException, L"The mailbox listener is null.");
+    }
     std::lock_guard<std::mutex> lock(mutex_);
     const auto same = [&](const std::shared_ptr<MailboxListener>& entry) {
         return entry.get() == listener.get();

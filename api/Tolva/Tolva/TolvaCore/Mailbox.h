@@ -63,7 +63,8 @@ class TOLVA_EXPORT Mailbox {
 
     /// Attaches a listener; a listener already attached (the same object) is not added again.
     /// The mailbox keeps the listener alive. Any thread except from inside a listener of this
-    /// mailbox. Throws std::system_error when the lock fails.
+    /// mailbox. Throws Varkel::Zu::InvalidArgumentException for a null listener (nothing is
+    /// added) and std::system_error when the lock fails.
     void addListener(const std::shared_ptr<MailboxListener>& listener);
 
     /// Detaches the listener if it is attached, keeping the order of the others. Same thread

@@ -3,6 +3,7 @@
 #include <TolvaCore/WebUtils.h>
 
 #include "private/ApiDefaults.h"
+#include "private/DeliveryThreads.h"
 
 #include <ZuCore/Constants.h>
 #include <ZuCore/DebugLog.h>
@@ -52,6 +53,7 @@ QxPlatformApi::QxPlatformApi(Varkel::Zu::MakeShared::PrivateConstructorType,
     } catch (const std::exception& e) {
         DebugLog::error(L"Token validation failed. " + widen(e.what()));
     }
+    deliveryThreads_ = std::make_shared<DeliveryThreads>(DeliveryThreads::limitFromEnvironment());
     running_ = true;
     launchHeartbeatTask();
     mailboxQueue_ = std::make_shared<MailboxQueue>(ZU_MAXUINT32);
@@ -80,15 +82,16 @@ QxPlatformApi::~QxPlatformApi() {
 
     const Varkel::Zu::Timer timer;
     std::vector<pplx::task<void>> receptionTasks;
+    // The polling thread has ended, so no poll starts any more. Cancelling may complete
+    // requests on the spot, and their continuations take the mailbox table's lock: it is
+    // done before that lock is taken, and the tasks are waited for after it is released.
+    receptionCancellation_.cancel();
     {
-        std::lock_guard<std::mutex> lock(objectLock_);
-        receptionCancellation_.cancel();
+        std::lock_guard<std::mutex> lock(mailboxTableMutex_);
         for (const auto& entry : mailboxTable_) {
             receptionTasks.push_back(entry.second.receptionTask);
         }
     }
-    // Waited for outside the object lock: a reception continuation that meets an unexpected
-    // status takes that lock, so waiting for it while holding the lock could deadlock.
     for (const auto& task : receptionTasks) {
         if (task == pplx::task<void>()) {
             continue;
@@ -102,6 +105,11 @@ QxPlatformApi::~QxPlatformApi() {
     // Polls of mailboxes deleted meanwhile are in no table entry; they are cancelled all the
     // same and waited for here, since their continuations use this object.
     waitForPollsToEnd();
+    // Listeners still running on other delivery threads are waited for; mail not yet handed
+    // to a listener is dropped. When this destructor runs inside a listener (whose thread is
+    // a delivery thread), that thread is not waited for: it ends by itself once the listener
+    // returns, and its job touches nothing of this object.
+    deliveryThreads_->stop();
     DebugLog::trace(L"It took " + std::to_wstring(timer.getMilliseconds()) +
                     L" ms to kill the mailbox reception tasks.");
 }

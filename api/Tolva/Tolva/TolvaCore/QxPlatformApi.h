@@ -58,6 +58,8 @@ namespace Varkel {
 namespace Tolva {
 namespace Rest {
 
+class DeliveryThreads;
+
 class TOLVA_EXPORT QxPlatformApi {
   public:
     /// The queue of mailboxes waiting for their next poll, read by the "Mailbox polling thread".
@@ -289,13 +291,19 @@ class TOLVA_EXPORT QxPlatformApi {
     void heartbeatLoop();
     void changeSubscription(const std::shared_ptr<const Mailbox>& mailbox,
                             const std::wstring& topic, bool subscribe);
-    /// The parts of one poll: the answer's handling, the back-off after a transport failure,
-    /// and the end of the poll's task.
+    /// The parts of one poll: its start, the answer's handling, the back-off after a transport
+    /// failure, and the end of the poll's task.
     struct PollContext;
+    void startPoll(std::shared_ptr<Mailbox> mailbox);
     pplx::task<void> handlePollResponse(const std::shared_ptr<PollContext>& poll,
                                         pplx::task<web::http::http_response> responseTask);
+    void handlePollBody(const std::shared_ptr<PollContext>& poll,
+                        pplx::task<web::json::value> bodyTask);
     void schedulePollRetry(const std::shared_ptr<Mailbox>& mailbox, const std::wstring& mailboxId,
                            const std::exception& failure);
+    bool isStopping() const;
+    /// Removes a mailbox's back-off state and pending retry; the mailbox table lock is held.
+    void forgetPollStateLocked(const std::wstring& mailboxId);
     void queueDuePollRetries();
     std::chrono::steady_clock::time_point nextPollRetryDeadline();
     void pollEnded();
@@ -342,8 +350,15 @@ class TOLVA_EXPORT QxPlatformApi {
     std::shared_ptr<Varkel::Zu::Thread> heartbeatThread_;
     Varkel::Zu::ConditionVariable heartbeatWakeUp_;
     std::shared_ptr<web::http::client::http_client> httpClient_;
+    /// Guards the mailbox table and the created flag. The callers' mailbox operations take it
+    /// inside the object lock, so they still wait for a heartbeat pass; the polling thread and
+    /// the polls' continuations take only this one. The object lock is held across the
+    /// heartbeat's requests, and a continuation waiting for it holds an HTTP pool thread that
+    /// those very requests may need: with a few polls failing at once during a slow heartbeat,
+    /// nothing would move again. This lock is never held across a request or a queue wait.
+    std::mutex mailboxTableMutex_;
     std::map<std::wstring, MailboxEntry> mailboxTable_;
-    /// Set by the first successful createMailbox; guarded by the object lock.
+    /// Set by the first successful createMailbox.
     bool mailboxCreated_ = false;
     pplx::cancellation_token_source receptionCancellation_;
     std::shared_ptr<MailboxQueue> mailboxQueue_;
@@ -357,9 +372,18 @@ class TOLVA_EXPORT QxPlatformApi {
     std::condition_variable pollsEnded_;
     std::size_t pollsInFlight_ = 0;
     /// Mailboxes to queue again once their back-off has passed, by due time.
-    std::multimap<std::chrono::steady_clock::time_point, std::shared_ptr<Mailbox>> pollRetries_;
+    struct PollRetry {
+        std::shared_ptr<Mailbox> mailbox;
+        std::wstring mailboxId;
+    };
+    std::multimap<std::chrono::steady_clock::time_point, PollRetry> pollRetries_;
     /// Consecutive transport failures per mailbox id.
     std::map<std::wstring, unsigned int> pollFailures_;
+
+    /// The threads that run the listeners and let go of the polls' mailboxes; see
+    /// DeliveryThreads. Shared so that a delivery thread on which this object is destroyed
+    /// can finish its own job after the object has gone.
+    std::shared_ptr<DeliveryThreads> deliveryThreads_;
 };
 
 }  // namespace Rest

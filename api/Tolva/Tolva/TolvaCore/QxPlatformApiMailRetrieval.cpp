@@ -1,10 +1,11 @@
 // QxPlatformApi: mail retrieval. The "Mailbox polling thread" keeps one long poll outstanding
-// per mailbox; each poll's answer is handled on a pool thread, which delivers the mail to the
-// mailbox's listeners and queues the mailbox for its next poll. Also request and reply over a
-// temporary mailbox.
+// per mailbox; each poll's answer is read on a pool thread and its mail handed to a delivery
+// thread, which runs the mailbox's listeners and then queues the mailbox for its next poll.
+// Also request and reply over a temporary mailbox.
 #include <TolvaCore/QxPlatformApi.h>
 
 #include "private/ApiDefaults.h"
+#include "private/DeliveryThreads.h"
 #include "private/MailboxListenerWithWait.h"
 #include "private/PollDelivery.h"
 #include "private/RestCall.h"
@@ -36,9 +37,9 @@ using web::json::value;
 using SteadyClock = std::chrono::steady_clock;
 
 // One poll as its continuations share it. The mailbox may hold (through a host's listener) the
-// last reference to the API object, so only the poll's last continuation lets it go, after the
-// poll has been counted out: should the object then be destroyed on that pool thread, its
-// destructor does not wait for this very poll, and nothing of the object is used afterwards.
+// last reference to the API object, so the poll never lets it go on a pool thread: its mail
+// takes it to a delivery thread, or its last continuation hands it to one. A destructor on a
+// pool thread would wait for requests that need the pool's threads.
 //
 // Each poll is sent with a cancellation token of its own, which the object's reception source
 // cancels for as long as the poll is outstanding. The HTTP library registers a callback on the
@@ -87,7 +88,10 @@ void QxPlatformApi::queryLauncherThreadLoop() {
                     return;
                 }
             }
-            retrieveMail(mailbox);
+            // Handed over whole: this thread keeps no reference to the mailbox, so that it
+            // never lets go of the last one (whose listener may hold this object, which this
+            // thread cannot destroy: the destructor joins it).
+            startPoll(std::move(mailbox));
         } catch (const std::exception& e) {
             ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
                           widen(e.what()));
@@ -96,6 +100,10 @@ void QxPlatformApi::queryLauncherThreadLoop() {
 }
 
 void QxPlatformApi::retrieveMail(const std::shared_ptr<Mailbox>& mailbox) {
+    startPoll(mailbox);
+}
+
+void QxPlatformApi::startPoll(std::shared_ptr<Mailbox> mailbox) {
     const std::wstring mailboxId = widen(boost::uuids::to_string(mailbox->getId()));
     bool counted = false;
     std::shared_ptr<PollContext> poll;
@@ -107,8 +115,8 @@ void QxPlatformApi::retrieveMail(const std::shared_ptr<Mailbox>& mailbox) {
             ++pollsInFlight_;
             counted = true;
         }
-        poll =
-            std::make_shared<PollContext>(mailbox, mailboxId, receptionCancellation_.get_token());
+        poll = std::make_shared<PollContext>(std::move(mailbox), mailboxId,
+                                             receptionCancellation_.get_token());
         // A poll uses the token as it stands: the heartbeat and the other calls renew it.
         call.header("User-Agent", RestCall::kUserAgent)
             .header("Authorization", bearerAuthorization())
@@ -135,15 +143,18 @@ void QxPlatformApi::retrieveMail(const std::shared_ptr<Mailbox>& mailbox) {
                                       L"Mailbox " + mailboxId + L" stopped receiving mail.");
                     }
                     poll->endCancellation();
+                    // The poll's own reference to the mailbox (unless its mail took it to a
+                    // delivery thread) may be the last one, and its listener may hold this
+                    // object: it goes on a delivery thread, never on this pool thread.
+                    deliveryThreads_->release(std::move(poll->mailbox));
+                    // Nothing of this object is used after this (see PollContext).
                     pollEnded();
-                    // Nothing of this object is used from here on (see PollContext).
-                    poll->mailbox.reset();
                 });
         // From here the chain's last continuation ends the poll's count.
         counted = false;
         poll.reset();
 
-        std::lock_guard<std::mutex> lock(objectLock_);
+        std::lock_guard<std::mutex> lock(mailboxTableMutex_);
         const auto entry = mailboxTable_.find(mailboxId);
         if (entry != mailboxTable_.end()) {
             entry->second.receptionTask = receptionTask;
@@ -152,27 +163,34 @@ void QxPlatformApi::retrieveMail(const std::shared_ptr<Mailbox>& mailbox) {
         if (counted) {
             if (poll) {
                 poll->endCancellation();
+                mailbox = std::move(poll->mailbox);
             }
             pollEnded();
         }
         DebugLog::error(L"Mailbox with id : " + mailboxId +
                         L" cannot receive mail anymore. Exception message : \"" + widen(e.what()) +
                         L"\".");
+        deliveryThreads_->release(std::move(mailbox));
     } catch (...) {
         if (counted) {
             if (poll) {
                 poll->endCancellation();
+                mailbox = std::move(poll->mailbox);
             }
             pollEnded();
         }
         DebugLog::error(L"Mailbox with id : " + mailboxId +
                         L" cannot receive mail anymore. Unknown exception.");
+        deliveryThreads_->release(std::move(mailbox));
     }
+}
+
+bool QxPlatformApi::isStopping() const {
+    return !running_ || receptionCancellation_.get_token().is_canceled();
 }
 
 pplx::task<void> QxPlatformApi::handlePollResponse(const std::shared_ptr<PollContext>& poll,
                                                    pplx::task<http_response> responseTask) {
-    const std::shared_ptr<Mailbox>& mailbox = poll->mailbox;
     const std::wstring& mailboxId = poll->mailboxId;
     http_response response;
     try {
@@ -180,10 +198,10 @@ pplx::task<void> QxPlatformApi::handlePollResponse(const std::shared_ptr<PollCon
     } catch (const std::exception& e) {
         // Cancelling a request fails it with the HTTP library's "operation canceled" error,
         // not with task_canceled: a stopping object is told apart by its flag and token.
-        if (!running_ || receptionCancellation_.get_token().is_canceled()) {
+        if (isStopping()) {
             throw pplx::task_canceled();
         }
-        schedulePollRetry(mailbox, mailboxId, e);
+        schedulePollRetry(poll->mailbox, mailboxId, e);
         return pplx::task_from_result();
     }
 
@@ -194,47 +212,82 @@ pplx::task<void> QxPlatformApi::handlePollResponse(const std::shared_ptr<PollCon
             pollFailures_.erase(mailboxId);
         }
         if (status == status_codes::NoContent) {
-            mailboxQueue_->putObject(mailbox, ZU_TIMEOUT_INFINITE);
+            mailboxQueue_->putObject(poll->mailbox, ZU_TIMEOUT_INFINITE);
             return pplx::task_from_result();
         }
-        return response.extract_json(true).then([this, poll](pplx::task<value> bodyTask) {
-            const std::shared_ptr<Mailbox>& held = poll->mailbox;
-            deliverPollBody(bodyTask.get(), *held);
-            mailboxQueue_->putObject(held, ZU_TIMEOUT_INFINITE);
-        });
+        return response.extract_json(true).then(
+            [this, poll](pplx::task<value> bodyTask) { handlePollBody(poll, bodyTask); });
     }
 
-    std::lock_guard<std::mutex> lock(objectLock_);
+    // Only the mailbox table's own lock: see mailboxTableMutex_.
+    std::lock_guard<std::mutex> lock(mailboxTableMutex_);
     const auto entry = mailboxTable_.find(mailboxId);
     if (entry != mailboxTable_.end()) {
         DebugLog::error(L"Received status code " + std::to_wstring(status) +
                         L" when attempting to get mail for mailbox : " + mailboxId +
                         L". Will delete mailbox.");
-        // Only dropped here: the platform is not asked to delete anything.
+        // Only dropped here: the platform is not asked to delete anything. The poll still
+        // holds the mailbox, so this is not the last reference to it.
         mailboxTable_.erase(entry);
+        forgetPollStateLocked(mailboxId);
     }
     return pplx::task_from_result();
+}
+
+void QxPlatformApi::handlePollBody(const std::shared_ptr<PollContext>& poll,
+                                   pplx::task<value> bodyTask) {
+    value body;
+    try {
+        body = bodyTask.get();
+    } catch (const web::http::http_exception& e) {
+        // The connection failed while the body was read: a transport failure like any other.
+        // Anything else (not JSON, text that cannot be converted) is the reply's own fault and
+        // takes the mailbox out of the cycle, as a body that is not an array does.
+        if (isStopping()) {
+            throw pplx::task_canceled();
+        }
+        schedulePollRetry(poll->mailbox, poll->mailboxId, e);
+        return;
+    }
+
+    // Read here, delivered on a delivery thread: listeners are host code and may block, post,
+    // wait for a reply or let go of this object, none of which a pool thread may do. The job
+    // uses nothing of this object, since this object may end while the job runs (on that very
+    // thread); it queues the mailbox for its next poll once every listener has returned, so a
+    // mailbox's mail stays in order.
+    auto job = [mailbox = std::move(poll->mailbox), mail = readPollBody(body),
+                queue = mailboxQueue_, mailboxId = poll->mailboxId] {
+        deliverPollMail(mail, *mailbox);
+        if (mail.failed) {
+            ZU_LOG_CAPPED(
+                logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
+                L"Mailbox " + mailboxId + L" stopped receiving mail: " + widen(mail.failure));
+            return;
+        }
+        queue->putObject(mailbox, ZU_TIMEOUT_INFINITE);
+    };
+    // Refused only while this object stops; the mail is then dropped with the job.
+    deliveryThreads_->post(std::move(job));
 }
 
 void QxPlatformApi::schedulePollRetry(const std::shared_ptr<Mailbox>& mailbox,
                                       const std::wstring& mailboxId,
                                       const std::exception& failure) {
+    std::chrono::milliseconds delay = ApiDefaults::kPollRetryFirstDelay;
     {
-        // A mailbox deleted meanwhile is not polled again.
-        std::lock_guard<std::mutex> lock(objectLock_);
+        // A mailbox deleted meanwhile is not polled again. Both locks are leaves, taken in
+        // this order everywhere, and held for bookkeeping only.
+        std::lock_guard<std::mutex> tableLock(mailboxTableMutex_);
         if (mailboxTable_.find(mailboxId) == mailboxTable_.end()) {
             return;
         }
-    }
-    std::chrono::milliseconds delay = ApiDefaults::kPollRetryFirstDelay;
-    {
         std::lock_guard<std::mutex> lock(pollsMutex_);
         const unsigned int failures = ++pollFailures_[mailboxId];
         for (unsigned int i = 1; i < failures && delay < ApiDefaults::kPollRetryLongestDelay; ++i) {
             delay *= 2;
         }
         delay = std::min(delay, ApiDefaults::kPollRetryLongestDelay);
-        pollRetries_.emplace(SteadyClock::now() + delay, mailbox);
+        pollRetries_.emplace(SteadyClock::now() + delay, PollRetry{mailbox, mailboxId});
     }
     ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
                   L"Poll of mailbox " + mailboxId + L" failed, polling again in " +
@@ -243,13 +296,21 @@ void QxPlatformApi::schedulePollRetry(const std::shared_ptr<Mailbox>& mailbox,
     mailboxQueue_->putObject(nullptr, ZU_TIMEOUT_INFINITE);
 }
 
+void QxPlatformApi::forgetPollStateLocked(const std::wstring& mailboxId) {
+    std::lock_guard<std::mutex> lock(pollsMutex_);
+    pollFailures_.erase(mailboxId);
+    for (auto it = pollRetries_.begin(); it != pollRetries_.end();) {
+        it = it->second.mailboxId == mailboxId ? pollRetries_.erase(it) : std::next(it);
+    }
+}
+
 void QxPlatformApi::queueDuePollRetries() {
     std::vector<std::shared_ptr<Mailbox>> due;
     {
         std::lock_guard<std::mutex> lock(pollsMutex_);
         const auto end = pollRetries_.upper_bound(SteadyClock::now());
         for (auto it = pollRetries_.begin(); it != end; ++it) {
-            due.push_back(it->second);
+            due.push_back(it->second.mailbox);
         }
         pollRetries_.erase(pollRetries_.begin(), end);
     }

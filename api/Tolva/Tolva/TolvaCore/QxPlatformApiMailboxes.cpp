@@ -87,7 +87,10 @@ void QxPlatformApi::createMailbox(const std::shared_ptr<Mailbox>& mailbox,
     });
 
     {
+        // The object lock makes this wait for a heartbeat pass under way, as every mailbox
+        // call of a caller does; the table has a lock of its own (see mailboxTableMutex_).
         std::lock_guard<std::mutex> lock(objectLock_);
+        std::lock_guard<std::mutex> tableLock(mailboxTableMutex_);
         mailboxTable_[mailboxId] = MailboxEntry{mailbox, pplx::task<void>()};
         mailboxCreated_ = true;
     }
@@ -164,9 +167,13 @@ void QxPlatformApi::deleteMailbox(const std::shared_ptr<const Mailbox>& mailbox)
     bool found = false;
     {
         std::lock_guard<std::mutex> lock(objectLock_);
+        std::lock_guard<std::mutex> tableLock(mailboxTableMutex_);
         // Erasing releases the table's reference to the mailbox and its reception task; the
         // task still ends on its own (the destructor waits for every poll, see pollsInFlight_).
         found = mailboxTable_.erase(mailboxId) != 0;
+        if (found) {
+            forgetPollStateLocked(mailboxId);
+        }
     }
     if (!found) {
         ZU_THROW(Varkel::Zu::InvalidArgumentException,
@@ -197,6 +204,7 @@ void QxPlatformApi::deleteMailbox(const std::shared_ptr<const Mailbox>& mailbox)
 
 bool QxPlatformApi::hasDeletedMailboxes() {
     std::lock_guard<std::mutex> lock(objectLock_);
+    std::lock_guard<std::mutex> tableLock(mailboxTableMutex_);
     return mailboxCreated_ && mailboxTable_.empty();
 }
 

@@ -63,7 +63,8 @@ void QxPlatformApi::registerService(
         call.send(currentClient())
             .then([](http_response response) {
                 ZU_LOG_DEBUG(logger_, L"QXP service registration successful.");
-                return response.extract_json();
+                // Read as JSON whatever its content type says.
+                return response.extract_json(true);
             })
             .then([this, &inout_serviceInfo](const value& reply) {
                 const std::wstring serviceId = widen(reply.at("serviceId").as_string());

@@ -2,8 +2,6 @@
 
 #include <ZuCore/StringConversion.h>
 
-#include <vector>
-
 namespace Varkel {
 namespace Tolva {
 namespace Rest {
@@ -20,12 +18,32 @@ std::wstring memberText(const web::json::value& notification, const char* name) 
 
 }  // namespace
 
+PollMail readPollBody(const web::json::value& body) {
+    PollMail read;
+    try {
+        for (const web::json::value& notification : body.as_array()) {
+            std::wstring topic = memberText(notification, "topic");
+            std::wstring content = memberText(notification, "content");
+            read.mail.emplace_back(std::move(topic), std::move(content));
+        }
+    } catch (const web::json::json_exception& e) {
+        read.failed = true;
+        read.failure = e.what();
+    }
+    return read;
+}
+
+void deliverPollMail(const PollMail& mail, Mailbox& mailbox) {
+    for (const auto& notification : mail.mail) {
+        mailbox.receiveMail(notification.first, notification.second);
+    }
+}
+
 void deliverPollBody(const web::json::value& body, Mailbox& mailbox) {
-    // Copied first: the listeners run on the copy.
-    const std::vector<web::json::value> notifications(body.as_array().begin(),
-                                                      body.as_array().end());
-    for (const web::json::value& notification : notifications) {
-        mailbox.receiveMail(memberText(notification, "topic"), memberText(notification, "content"));
+    const PollMail read = readPollBody(body);
+    deliverPollMail(read, mailbox);
+    if (read.failed) {
+        throw web::json::json_exception(read.failure.c_str());
     }
 }
 

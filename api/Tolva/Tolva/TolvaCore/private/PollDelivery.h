@@ -1,19 +1,40 @@
 // How the body of a poll answered 200 reaches a mailbox: every notification of the JSON array,
 // in array order, handed to Mailbox::receiveMail with its "topic" and "content" ("" for a
-// missing member).
+// missing member). Reading the body (on an HTTP thread) and delivering it (on a delivery
+// thread, where listeners may block) are separate steps.
 #pragma once
 
 #include <TolvaCore/Mailbox.h>
 
 #include <cpprest/json.h>
 
+#include <string>
+#include <utility>
+#include <vector>
+
 namespace Varkel {
 namespace Tolva {
 namespace Rest {
 
-// Delivers every notification of `body` to `mailbox`. Throws web::json::json_exception when
-// the body is not an array or a present "topic" or "content" is not a string; notifications
-// before the offending one are delivered.
+// The mail of one poll answer, as (topic, content) in array order, and the text of the JSON
+// error that stopped the reading, if one did (the mail before it is kept).
+struct PollMail {
+    std::vector<std::pair<std::wstring, std::wstring>> mail;
+    bool failed = false;
+    std::string failure;
+};
+
+// Reads every notification of `body`. The body not being an array, or a present "topic" or
+// "content" not being a string, ends the reading with `failed` set. Never throws except
+// std::bad_alloc.
+PollMail readPollBody(const web::json::value& body);
+
+// Hands every notification read to `mailbox` in order.
+void deliverPollMail(const PollMail& mail, Mailbox& mailbox);
+
+// readPollBody and deliverPollMail in one: delivers every notification of `body`. Throws
+// web::json::json_exception when the body is not an array or a present "topic" or "content"
+// is not a string; notifications before the offending one are delivered.
 void deliverPollBody(const web::json::value& body, Mailbox& mailbox);
 
 }  // namespace Rest
