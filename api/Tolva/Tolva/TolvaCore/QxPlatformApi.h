@@ -11,23 +11,25 @@
 /// for the whole pass; unregistration (and the mailbox calls) wait for a pass under way.
 ///
 /// Mail: the first createMailbox starts the "Mailbox polling thread", which keeps one long poll
-/// (GET ".../notifications/<id>?timeout=30") outstanding per mailbox. Each poll's answer is
-/// handled on a thread of the HTTP library's pool, which hands every notification to the
-/// mailbox's listeners (Mailbox::receiveMail) and then starts the mailbox's next poll:
-/// - Listeners run on those pool threads, one at a time per mailbox. A slow listener delays
-///   only its own mailbox's next poll, but it holds a pool thread meanwhile: the pool has 4
-///   threads unless the host sets another size (WebUtils::setHttpThreadPoolSize,
-///   TOLVA_HTTP_THREADS), and once every pool thread is held by a blocking listener every
-///   request of the process (polls, posts, heartbeats) stalls. A listener may call back into
-///   this object (post, even postNotificationAndWaitForReply): that blocks one more pool
-///   thread until the answer comes, which the default of 4 allows for.
+/// (GET ".../notifications/<id>?timeout=30") outstanding per mailbox. Each poll's answer is read
+/// on a thread of the HTTP library's pool and its mail handed to one of this object's delivery
+/// threads, which calls the mailbox's listeners (Mailbox::receiveMail) and then queues the
+/// mailbox for its next poll:
+/// - Listeners of one mailbox run one at a time, in order; a blocking listener delays only its
+///   own mailbox. Delivery threads are made on demand, up to 64 (TOLVA_DELIVERY_THREADS, 1 to
+///   4096), and end after 10 s without work; beyond the limit, mail waits for a free thread.
+///   A listener may call every operation of this object, request and reply included, and may
+///   let go of its last reference (see MailboxListener). The HTTP pool runs only socket work
+///   and short continuations, so no listener and no platform outage can take its threads.
 /// - Every live mailbox holds one socket to the platform for its poll: a host with thousands of
 ///   mailboxes needs a descriptor limit (ulimit -n) above that number.
 /// - A poll that fails in transport (connection refused or reset, the platform restarting, the
-///   client's 30-second time-out racing the platform's 30-second wait) keeps its mailbox in the
-///   cycle: it is polled again after a back-off that doubles from 100 ms to 5 s, and the
-///   failure is logged at most once a minute. A poll answered with a status other than 200 or
-///   204 drops the mailbox (see retrieveMail).
+///   client's 30-second time-out racing the platform's 30-second wait, a connection lost while
+///   the answer is read) keeps its mailbox in the cycle: it is polled again after a back-off
+///   that doubles from 100 ms to 5 s, and the failure is logged at most once a minute. A poll
+///   answered with a status other than 200 or 204 drops the mailbox (see retrieveMail).
+/// - docs/threads.md maps every thread the library runs, what runs on it and what it may wait
+///   for.
 #pragma once
 
 #include <TolvaCore/Mailbox.h>
@@ -81,11 +83,12 @@ class TOLVA_EXPORT QxPlatformApi {
     /// was started, cancels every mailbox reception task and waits for each, and writes
     /// "TRACE: It took N ms to kill the mailbox reception tasks." to the debug log.
     /// Makes no REST call: platform mailboxes and service registrations are left as they are.
-    /// Never throws. Runs on the thread that drops the last owner. A listener that holds its
-    /// API object makes a cycle (object, mailbox, listener) that only deleteMailbox breaks; the
-    /// last owner may then go on a thread of the HTTP pool, at the end of that mailbox's last
-    /// poll. That works while the pool has a thread free for the object's other polls (with a
-    /// pool of one thread it does not): prefer a std::weak_ptr to the API object in listeners.
+    /// Also waits for listeners running on other delivery threads, and drops mail not yet
+    /// handed to a listener. Never throws. Runs on the thread that drops the last owner, which
+    /// may be any thread: a listener's (the object ends without waiting for that listener,
+    /// which goes on safely), a host thread, the notifier's. The library itself never lets go
+    /// of a reference on a thread of the HTTP pool or on its polling or heartbeat thread; a
+    /// host must not do so on the pool either (see WebUtils::settleHttpThreadPool).
     virtual ~QxPlatformApi();
 
     QxPlatformApi(const QxPlatformApi&) = delete;
@@ -150,7 +153,8 @@ class TOLVA_EXPORT QxPlatformApi {
     /// Returns when the platform answered 204. Any other status, and any transport failure,
     /// throws a std::exception whose what() is the HTTP library's text (for a status failure
     /// the response body). pplx::task_canceled passes through unchanged. Sent once, never
-    /// retried. Blocks the calling thread; any thread except an HTTP continuation.
+    /// retried. Blocks the calling thread; any thread except an HTTP continuation (a listener
+    /// may call it).
     void postNotification(const std::wstring& topic, const std::wstring& content, unsigned int ttl);
 
     /// Registers a service with the platform's discovery service: validates the record
@@ -258,8 +262,9 @@ class TOLVA_EXPORT QxPlatformApi {
     void queryLauncherThreadLoop();
 
     /// Starts one long poll for the mailbox and records its reception task; does not wait. The
-    /// answer is handled on a pool thread: 200 hands every notification of the reply to
-    /// mailbox->receiveMail in array order and queues the mailbox again; 204 queues it again;
+    /// answer is read on a pool thread: 200 hands every notification of the reply to
+    /// mailbox->receiveMail in array order, on a delivery thread, and then queues the mailbox
+    /// again; 204 queues it again;
     /// any other status writes "ERROR: Received status code <status> when attempting to get
     /// mail for mailbox : <id>. Will delete mailbox." and drops it from the table (only
     /// locally) when it is still there; a transport failure queues it again after the back-off.

@@ -29,10 +29,9 @@ namespace WebUtils {
 TOLVA_EXPORT std::shared_ptr<web::http::client::http_client> createHttpClient(
     const std::wstring& url, const std::shared_ptr<Rest::QxPlatformApi>& api);
 
-/// The HTTP library runs every request's socket work and every continuation (mail delivery to
-/// listeners included) on one shared pool of threads per process. Its own default is 40
-/// threads, which costs about 27 context switches per request; this library sizes it, before it
-/// makes its first client, to:
+/// The HTTP library runs every request's socket work and every continuation on one shared pool
+/// of threads per process. Its own default is 40 threads, which costs about 27 context switches
+/// per request; this library sizes it, before it makes its first client, to:
 ///   1. the size given to setHttpThreadPoolSize, if the host called it first; else
 ///   2. the environment variable "TOLVA_HTTP_THREADS" (a number from 1 to 256), read once; else
 ///   3. kDefaultHttpThreads.
@@ -41,11 +40,11 @@ TOLVA_EXPORT std::shared_ptr<web::http::client::http_client> createHttpClient(
 /// both cases the library logs, once, a warning on "TolvaCore.WebUtil" that its size was not
 /// applied.
 ///
-/// What a small pool means for listeners: a listener that blocks (waits for a lock, sleeps,
-/// calls postNotification or postNotificationAndWaitForReply) holds one pool thread until it
-/// returns, and the answer it waits for needs another one. With N threads, at most N - 1
-/// listeners may block at once; with 1 thread a listener must not block at all. Hand long work
-/// to a thread of your own, or size the pool for it.
+/// The library's own work on the pool never waits: listeners run on the library's delivery
+/// threads, not here (see MailboxListener and docs/threads.md), so any size from 1 up works
+/// whatever the listeners do. A host that runs its own continuations on this pool must not
+/// block in them either, and must not let go of the last reference to a QxPlatformApi there:
+/// its destructor waits for requests that need the pool's threads.
 constexpr std::size_t kDefaultHttpThreads = 4;
 
 /// Sets the pool size the library applies when it first makes a client (see above). Returns
