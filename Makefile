@@ -29,9 +29,13 @@ all: build
 deps:
 	@sh scripts/install-packages.sh $(DEBIAN_PACKAGES)
 
+# Warnings are errors in CI and for developers who ask (TOLVA_WERROR=ON); a user's build does
+# not fail on a warning that a newer compiler adds.
+TOLVA_WERROR ?= OFF
+
 # configure DIR [cmake args...]: configures once; later builds only re-run the generator.
 define configure
-	@[ -f $(1)/build.ninja ] || cmake -S . -B $(1) -G "$(CMAKE_GENERATOR)" $(2)
+	@[ -f $(1)/build.ninja ] || cmake -S . -B $(1) -G "$(CMAKE_GENERATOR)" -DTOLVA_WARNINGS_AS_ERRORS=$(TOLVA_WERROR) $(2)
 endef
 
 build: deps

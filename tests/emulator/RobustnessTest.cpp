@@ -85,7 +85,7 @@ TEST_F(RobustnessTest, RecordedBinaryDataIsServedAsValidJson) {
     call("POST", "/notifications/api/v1/notifications", std::string("\xFF\x00\xC3", 3));
     const auto response = client->request("GET", "/_emulator/requests");
     ASSERT_EQ(200, response.status);
-    EXPECT_NO_THROW(nlohmann::json::parse(response.body));
+    EXPECT_TRUE(nlohmann::json::accept(response.body));
     expectStateIntact();
 }
 

@@ -30,7 +30,12 @@ bool hasRecordStartingWith(const LogRecords& records, const std::wstring& text) 
 // A fresh RSA signing key in PEM form, written to `path`, for both emulator processes.
 void writeSigningKey(const char* path) {
     std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(EVP_RSA_gen(2048), EVP_PKEY_free);
-    std::unique_ptr<FILE, decltype(&std::fclose)> file(std::fopen(path, "w"), std::fclose);
+    // A deleter type of its own: decltype(&std::fclose) carries attributes that GCC 14 warns
+    // are ignored in a template argument.
+    struct CloseFile {
+        void operator()(FILE* opened) const { std::fclose(opened); }
+    };
+    std::unique_ptr<FILE, CloseFile> file(std::fopen(path, "w"));
     if (!key || !file ||
         PEM_write_PrivateKey(file.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1) {
         throw std::runtime_error("cannot write the signing key");
