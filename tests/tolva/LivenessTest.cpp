@@ -505,6 +505,16 @@ class LivenessBase : public RestTest, public ::testing::WithParamInterface<std::
         }
         lock.unlock();
         worker.join();
+        if (::testing::Test::HasFailure()) {
+            // A library that failed a case may also have left a thread stuck where the
+            // process's exit would join it: the case ends here, failed, whatever that thread
+            // does.
+            std::fprintf(stderr, "\nLIVENESS: %s failed; the process ends now.\n",
+                         ::testing::UnitTest::GetInstance()->current_test_info()->name());
+            std::fflush(stdout);
+            std::fflush(stderr);
+            std::_Exit(1);
+        }
     }
 
     // Names the step the scenario is at, for the watchdog's report, and prints it with the time
