@@ -193,8 +193,9 @@ TEST_F(HttpThreadPoolTest, APoolTheHostMadeIsKeptAndTheLibrarySaysSo) {
     const LogRecords records;
     const auto api = makeApi();
     EXPECT_TRUE(hasRecord(records, "warn",
-                          L"The HTTP thread pool was already running; its size is kept and 4 "
-                          L"threads are not applied."));
+                          L"The HTTP thread pool was already running; its size is kept and " +
+                              std::to_wstring(Varkel::Tolva::WebUtils::kDefaultHttpThreads) +
+                              L" threads are not applied."));
     EXPECT_NO_THROW(api->postNotification(L"t", L"c", 0));
 }
 

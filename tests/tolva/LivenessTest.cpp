@@ -8,7 +8,7 @@
 // ended after kWatchdogBound prints which case hung, at which step, and the end of the debug
 // log, and ends the process at once, so a hang fails that case instead of stopping the run.
 //
-// Every case runs with HTTP thread pools of 1 and 2 threads and of the library's default size;
+// Every case runs with HTTP thread pools of 1, 2 (the library's default) and 4 threads;
 // each case is a process of its own, so the size set at its start applies.
 #include "MailTestSupport.h"
 #include "ModelTestSupport.h"
@@ -695,7 +695,11 @@ class LivenessBase : public RestTest, public ::testing::WithParamInterface<std::
         const auto started = Clock::now();
         api.reset();
         EXPECT_LT(Clock::now() - started, kCallBound);
-        EXPECT_EQ(log.countLinesStartingWith(kItTook), before + 1) << log.text();
+        // A listener that holds the object for a moment (through its weak_ptr) may be the one
+        // that lets go last, so the destructor may end on that listener's thread.
+        EXPECT_TRUE(eventually([&] { return log.countLinesStartingWith(kItTook) == before + 1; },
+                               kCallBound))
+            << log.text();
     }
 
   private:
@@ -1310,12 +1314,14 @@ std::string poolName(const ::testing::TestParamInfo<std::size_t>& info) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Pool, LivenessTest,
-                         ::testing::Values(std::size_t{1}, std::size_t{2},
-                                           Varkel::Tolva::WebUtils::kDefaultHttpThreads),
+                         ::testing::Values(std::size_t{1},
+                                           Varkel::Tolva::WebUtils::kDefaultHttpThreads,
+                                           std::size_t{4}),
                          poolName);
 INSTANTIATE_TEST_SUITE_P(Pool, LivenessParkedPollsTest,
-                         ::testing::Values(std::size_t{1}, std::size_t{2},
-                                           Varkel::Tolva::WebUtils::kDefaultHttpThreads),
+                         ::testing::Values(std::size_t{1},
+                                           Varkel::Tolva::WebUtils::kDefaultHttpThreads,
+                                           std::size_t{4}),
                          poolName);
 
 }  // namespace

@@ -45,7 +45,10 @@ TOLVA_EXPORT std::shared_ptr<web::http::client::http_client> createHttpClient(
 /// whatever the listeners do. A host that runs its own continuations on this pool must not
 /// block in them either, and must not let go of the last reference to a QxPlatformApi there:
 /// its destructor waits for requests that need the pool's threads.
-constexpr std::size_t kDefaultHttpThreads = 4;
+/// Two threads: with no host code on the pool, 1, 2 and 4 threads all keep the library moving,
+/// and 2 posts and delivers mail about as fast as the best of them on every measure taken
+/// (bench/RESULTS.md, "HTTP thread pool size").
+constexpr std::size_t kDefaultHttpThreads = 2;
 
 /// Sets the pool size the library applies when it first makes a client (see above). Returns
 /// true when the size will be applied, false (with a warning log line) when the library has
