@@ -100,6 +100,20 @@ TEST_F(ServiceRegistrationTest, TheServiceIsKeptUnderTheReturnedIdWithTheReturne
     EXPECT_EQ(deletes.size(), 1u);
 }
 
+TEST_F(ServiceRegistrationTest, A201ReplyIsReadAsJsonWhateverItsContentType) {
+    const auto info = completeServiceInfo();
+    const std::string returnedId = "b0000000-0000-4000-8000-00000000000b";
+    emulator_.addFault(statusRule(
+        "POST", kServicePath, 201,
+        R"({"serviceId":")" + returnedId + R"(","serviceSecret":"plain-secret"})", "text/plain"));
+    api_->registerService(info);
+    EXPECT_EQ(info->serviceSecret, L"plain-secret");
+    EXPECT_EQ(unregisterMessage(widen(returnedId)), L"");
+    EXPECT_EQ(
+        requestsTo("DELETE", std::string(kServicePath) + "/" + returnedId + "/plain-secret").size(),
+        1u);
+}
+
 TEST_F(ServiceRegistrationTest, A200ReplyWithAValidBodyIsAFailure) {
     const DebugLogTail log;
     const auto info = completeServiceInfo();
