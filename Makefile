@@ -9,7 +9,7 @@
 DEBIAN_PACKAGES := build-essential cmake ninja-build pkg-config file \
 	libcpprest-dev libboost-dev libboost-system-dev libboost-thread-dev \
 	libboost-program-options-dev libssl-dev libspdlog-dev nlohmann-json3-dev \
-	libgtest-dev libgmock-dev libbenchmark-dev libcurl4-openssl-dev tinyproxy curl doxygen chromium
+	libgtest-dev libgmock-dev libbenchmark-dev libcurl4-openssl-dev curl doxygen chromium
 
 COMMA := ,
 JOBS ?= $(shell nproc)

@@ -1,9 +1,8 @@
 #!/bin/sh
 # Installs the Debian packages given as arguments that are not installed yet (as root, with
-# apt-get, without recommended packages). Packages installed here start no service: some of
-# them (tinyproxy, which brings cron) would otherwise start system daemons that stay running
-# after the build; the tests start their own proxy on loopback instead. A policy-rc.d of the
-# administrator's is left as it is.
+# apt-get, without recommended packages). Packages installed here start no service: a package
+# that ships a system daemon would otherwise start it, and it would stay running after the
+# build. A policy-rc.d of the administrator's is left as it is.
 set -e
 missing=""
 for package in "$@"; do

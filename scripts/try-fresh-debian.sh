@@ -3,7 +3,7 @@
 # (bookworm) root file system with debootstrap, clones this repository into it, runs the two
 # commands (the first code block of README.md) there as root in a chroot, and reports pass or
 # fail and the time of each. Then checks that the commands left no process running in the
-# chroot (a service started by a package they installed, such as tinyproxy or cron).
+# chroot (a service started by a package they installed).
 #
 #   scripts/try-fresh-debian.sh [BRANCH] [DIR]
 #
