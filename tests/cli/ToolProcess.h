@@ -1,6 +1,7 @@
 // ToolProcess: the tolva tool run as a child process with its standard output and error
 // captured to files, for end-to-end tests. The child gets this process's environment without
-// QX_PLATFORM_CONFIG and ZU_LOG_* (so the test decides them), plus the given variables.
+// QX_PLATFORM_CONFIG, ZU_LOG_* and http_proxy (so the test decides them), plus the given
+// variables.
 #pragma once
 
 #include <chrono>
