@@ -1,20 +1,27 @@
 #!/usr/bin/env bash
-# Tries the README's two set-up commands as a new user would: makes a minimal Debian 12
-# (bookworm) root file system with debootstrap, clones this repository into it, runs the two
-# commands (the first code block of README.md) there as root in a chroot, and reports pass or
-# fail and the time of each. Then checks that the commands left no process running in the
-# chroot (a service started by a package they installed).
+# Tries the README's two set-up commands as a new user would: makes a minimal Debian root file
+# system with debootstrap (Debian 12, bookworm, unless --release names another, such as trixie),
+# clones this repository into it, runs the two commands (the first code block of README.md)
+# there as root in a chroot, and reports pass or fail and the time of each. Then checks that the
+# commands left no process running in the chroot and enabled no service to start at boot (a
+# service of a package they installed).
 #
-#   scripts/try-fresh-debian.sh [BRANCH] [DIR]
+#   scripts/try-fresh-debian.sh [--release NAME] [BRANCH] [DIR]
 #
 # BRANCH defaults to main; DIR (the root file system, reused when it is already there)
-# defaults to /var/tmp/tolva-fresh-debian. Needs root, git, debootstrap (installed with apt-get
-# when missing) and a Debian mirror (DEBIAN_MIRROR, default http://deb.debian.org/debian).
-# Not part of CI: it downloads about 140 packages and builds everything on its own.
+# defaults to /var/tmp/tolva-fresh-debian-NAME. Needs root, git, debootstrap (installed with
+# apt-get when missing) and a Debian mirror (DEBIAN_MIRROR, default
+# http://deb.debian.org/debian). Not part of CI: it downloads about 140 packages for the root
+# and about 310 more for the build, and builds everything on its own.
 set -euo pipefail
 
+release=bookworm
+if [ "${1:-}" = "--release" ]; then
+    release=${2:?--release needs a name, such as bookworm or trixie}
+    shift 2
+fi
 branch=${1:-main}
-target=${2:-/var/tmp/tolva-fresh-debian}
+target=${2:-/var/tmp/tolva-fresh-debian-$release}
 mirror=${DEBIAN_MIRROR:-http://deb.debian.org/debian}
 repo=$(cd "$(dirname "$0")/.." && pwd)
 
@@ -35,8 +42,8 @@ if [ "${#commands[@]}" -ne 2 ]; then
 fi
 
 if [ ! -x "$target/bin/bash" ]; then
-    echo "== debootstrap --variant=minbase bookworm $target"
-    debootstrap --variant=minbase bookworm "$target" "$mirror" >/dev/null
+    echo "== debootstrap --variant=minbase $release $target"
+    debootstrap --variant=minbase "$release" "$target" "$mirror" >/dev/null
 fi
 
 mounted=()
@@ -69,6 +76,13 @@ chrootProcesses() {
     done
 }
 
+# Services enabled to start at boot, before and after the commands.
+enabledServices() {
+    find "$target/etc/systemd/system" -path '*.wants/*' 2>/dev/null | sed "s|^$target||" | sort
+}
+enabledBefore=$(enabledServices)
+echo "== Debian $(cat "$target/etc/debian_version"), $(chroot "$target" dpkg-query -W -f='.\n' | wc -l) packages"
+
 result=0
 number=0
 for command in "${commands[@]}"; do
@@ -82,8 +96,17 @@ for command in "${commands[@]}"; do
         outcome=FAIL
         result=1
     fi
-    echo "   $outcome in $(( $(date +%s) - start )) s"
+    echo "   $outcome in $(( $(date +%s) - start )) s; $(chroot "$target" dpkg-query -W -f='.\n' | wc -l) packages installed now"
 done
+
+enabledNew=$(comm -13 <(echo "$enabledBefore") <(enabledServices))
+if [ -n "$enabledNew" ]; then
+    echo "== services the commands enabled to start at boot:"
+    echo "$enabledNew"
+    result=1
+else
+    echo "== no service enabled to start at boot"
+fi
 
 left=$(chrootProcesses)
 if [ -n "$left" ]; then
