@@ -170,10 +170,8 @@ TEST_F(HttpThreadPoolTest, TheHeartbeatRunsOnAThreadOfItsOwn) {
     ASSERT_TRUE(setHttpThreadPoolSize(1));
     const auto api = makeApi();
     // Linux keeps the first 15 bytes of a thread name.
-    const auto deadline = Clock::now() + std::chrono::seconds(10);
-    while (threadsNamed("QXP heartbeat t") == 0 && Clock::now() < deadline) {
-        std::this_thread::yield();
-    }
+    EXPECT_TRUE(
+        waitUntil([] { return threadsNamed("QXP heartbeat t") != 0; }, std::chrono::seconds(10)));
     EXPECT_EQ(threadsNamed("QXP heartbeat t"), 1u);
     // With the only pool thread free, a post still goes through.
     EXPECT_NO_THROW(api->postNotification(L"t", L"c", 0));
