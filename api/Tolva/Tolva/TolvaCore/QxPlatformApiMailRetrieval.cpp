@@ -255,16 +255,23 @@ void QxPlatformApi::handlePollBody(const std::shared_ptr<PollContext>& poll,
     // uses nothing of this object, since this object may end while the job runs (on that very
     // thread); it queues the mailbox for its next poll once every listener has returned, so a
     // mailbox's mail stays in order.
-    auto job = [mailbox = std::move(poll->mailbox), mail = readPollBody(body),
-                queue = mailboxQueue_, mailboxId = poll->mailboxId] {
-        deliverPollMail(mail, *mailbox);
-        if (mail.failed) {
-            ZU_LOG_CAPPED(
-                logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
-                L"Mailbox " + mailboxId + L" stopped receiving mail: " + widen(mail.failure));
+    PollMail mail = readPollBody(body);
+    if (mail.failed) {
+        // Said here, while the poll is still counted: the object's end waits for this, not for
+        // the delivery job, which it may drop. The mail read before the fault is still
+        // delivered; the mailbox is not polled again.
+        ZU_LOG_CAPPED(
+            logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
+            L"Mailbox " + poll->mailboxId + L" stopped receiving mail: " + widen(mail.failure));
+        if (mail.mail.empty()) {
             return;
         }
-        queue->putObject(mailbox, ZU_TIMEOUT_INFINITE);
+    }
+    auto job = [mailbox = std::move(poll->mailbox), mail = std::move(mail), queue = mailboxQueue_] {
+        deliverPollMail(mail, *mailbox);
+        if (!mail.failed) {
+            queue->putObject(mailbox, ZU_TIMEOUT_INFINITE);
+        }
     };
     // Refused only while this object stops; the mail is then dropped with the job.
     deliveryThreads_->post(std::move(job));
