@@ -11,6 +11,10 @@
 // whole process's (client and in-process emulator) divided by the requests sent.
 //
 // Prints a Markdown table. Requests per configuration are split evenly over the threads.
+// libcurl first: the HTTP library's headers (through QxPlatformApi.h) define macros that
+// break curl.h's attribute checks under Clang.
+#include <curl/curl.h>
+
 #include <TolvaCore/QxPlatformApi.h>
 #include <TolvaCore/WebUtils.h>
 
@@ -18,8 +22,6 @@
 
 #include <ZuCore/MakeShared.h>
 #include <ZuCore/StringConversion.h>
-
-#include <curl/curl.h>
 
 #include <algorithm>
 #include <atomic>

@@ -224,8 +224,10 @@ TEST_F(FaultMatrixTest, AnswersSlowerThanTheClientTimeOutFailOrAreSentOnceMoreAn
     // sent once more by the HTTP library, and the mailbox keeps receiving.
     EXPECT_TRUE(waitForPolls(*mailbox, pollsBefore + 2));
     api->postNotification(L"matrix/slower", L"in time", 0);
-    EXPECT_TRUE(waitUntil([&] {
-        for (const auto& mail : listener->waitFor(0)) {
+    // The binding is captured through a reference of its own: C++17 lambdas cannot capture a
+    // structured binding (Clang refuses it).
+    EXPECT_TRUE(waitUntil([&received = listener] {
+        for (const auto& mail : received->waitFor(0)) {
             if (mail.second == L"in time") {
                 return true;
             }

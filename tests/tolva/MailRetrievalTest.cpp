@@ -66,8 +66,9 @@ TEST_F(MailRetrievalTest, APollIsAGetWithTwoHeadersAndUsesTheTokenAsItStands) {
     api->clearToken();
     const std::string id = mailboxIdText(*mailbox);
     const auto polls = waitForMatching(
-        [&](const qxpemu::RecordedRequest& r) {
-            return r.target == pollTarget(*mailbox) && r.header("Authorization") == "Bearer";
+        // Through a reference of its own: C++17 lambdas cannot capture a structured binding.
+        [&polled = mailbox](const qxpemu::RecordedRequest& r) {
+            return r.target == pollTarget(*polled) && r.header("Authorization") == "Bearer";
         },
         1);
     ASSERT_EQ(polls.size(), 1u);
