@@ -300,6 +300,11 @@ class TOLVA_EXPORT QxPlatformApi {
     /// failure, and the end of the poll's task.
     struct PollContext;
     void startPoll(std::shared_ptr<Mailbox> mailbox);
+    /// A poll that could not be started: ends its count, writes the "cannot receive mail
+    /// anymore" line and lets go of the mailbox on a delivery thread.
+    void abandonPoll(bool counted, const std::shared_ptr<PollContext>& poll,
+                     std::shared_ptr<Mailbox> mailbox, const std::wstring& reason,
+                     const std::wstring& mailboxId);
     pplx::task<void> handlePollResponse(const std::shared_ptr<PollContext>& poll,
                                         pplx::task<web::http::http_response> responseTask);
     void handlePollBody(const std::shared_ptr<PollContext>& poll,

@@ -160,29 +160,25 @@ void QxPlatformApi::startPoll(std::shared_ptr<Mailbox> mailbox) {
             entry->second.receptionTask = receptionTask;
         }
     } catch (const std::exception& e) {
-        if (counted) {
-            if (poll) {
-                poll->endCancellation();
-                mailbox = std::move(poll->mailbox);
-            }
-            pollEnded();
-        }
-        DebugLog::error(L"Mailbox with id : " + mailboxId +
-                        L" cannot receive mail anymore. Exception message : \"" + widen(e.what()) +
-                        L"\".");
-        deliveryThreads_->release(std::move(mailbox));
+        abandonPoll(counted, poll, std::move(mailbox),
+                    L"Exception message : \"" + widen(e.what()) + L"\".", mailboxId);
     } catch (...) {
-        if (counted) {
-            if (poll) {
-                poll->endCancellation();
-                mailbox = std::move(poll->mailbox);
-            }
-            pollEnded();
-        }
-        DebugLog::error(L"Mailbox with id : " + mailboxId +
-                        L" cannot receive mail anymore. Unknown exception.");
-        deliveryThreads_->release(std::move(mailbox));
+        abandonPoll(counted, poll, std::move(mailbox), L"Unknown exception.", mailboxId);
     }
+}
+
+void QxPlatformApi::abandonPoll(bool counted, const std::shared_ptr<PollContext>& poll,
+                                std::shared_ptr<Mailbox> mailbox, const std::wstring& reason,
+                                const std::wstring& mailboxId) {
+    if (counted) {
+        if (poll) {
+            poll->endCancellation();
+            mailbox = std::move(poll->mailbox);
+        }
+        pollEnded();
+    }
+    DebugLog::error(L"Mailbox with id : " + mailboxId + L" cannot receive mail anymore. " + reason);
+    deliveryThreads_->release(std::move(mailbox));
 }
 
 bool QxPlatformApi::isStopping() const {

@@ -12,6 +12,8 @@
 
 #include <pplx/threadpool.h>
 
+#include "private/CountText.h"
+
 namespace Varkel {
 namespace Tolva {
 namespace WebUtils {
@@ -37,19 +39,14 @@ std::size_t threadsFromEnvironment() {
     if (text.empty()) {
         return 0;
     }
-    std::size_t value = 0;
-    bool valid = text.size() <= 3;
-    for (const wchar_t c : text) {
-        valid = valid && c >= L'0' && c <= L'9';
-        value = value * 10 + static_cast<std::size_t>(c - L'0');
-    }
-    if (!valid || value == 0 || value > kMostHttpThreads) {
+    const std::optional<std::size_t> value = countFromText(text, kMostHttpThreads);
+    if (!value) {
         ZU_LOG_WARN(webUtilLogger(),
                     L"TOLVA_HTTP_THREADS is not a number from 1 to 256; the "
                     L"HTTP thread pool gets its default size.");
         return 0;
     }
-    return value;
+    return *value;
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "DeliveryThreads.h"
 
 #include "ApiDefaults.h"
+#include "CountText.h"
 
 #include <ZuCore/Env.h>
 #include <ZuCore/LogMacros.h>
@@ -60,20 +61,15 @@ std::size_t DeliveryThreads::limitFromEnvironment() {
     if (text.empty()) {
         return kDefaultLimit;
     }
-    std::size_t value = 0;
-    bool valid = text.size() <= 4;
-    for (const wchar_t c : text) {
-        valid = valid && c >= L'0' && c <= L'9';
-        value = value * 10 + static_cast<std::size_t>(c - L'0');
-    }
-    if (!valid || value == 0 || value > kMostDeliveryThreads) {
+    const std::optional<std::size_t> value = countFromText(text, kMostDeliveryThreads);
+    if (!value) {
         ZU_LOG_WARN(deliveryLogger(),
                     L"TOLVA_DELIVERY_THREADS is not a number from 1 to 4096; "
                     L"mail is delivered on at most " +
                         std::to_wstring(kDefaultLimit) + L" threads.");
         return kDefaultLimit;
     }
-    return value;
+    return *value;
 }
 
 DeliveryThreads::DeliveryThreads(std::size_t limit, std::chrono::milliseconds idleTime)
