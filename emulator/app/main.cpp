@@ -27,6 +27,12 @@ void printUsage(std::ostream& out) {
            "  --threads N              I/O threads (default 1)\n"
            "  --key FILE               PEM RSA private key to sign with (default: generated)\n"
            "  --heartbeat-interval-ms N expected heartbeat period (default 5000)\n"
+           "  --tls                    serve HTTPS with a certificate for 127.0.0.1 and\n"
+           "                           localhost, signed by a CA made at start whose\n"
+           "                           certificate is written to a file (path printed)\n"
+           "  --tls-cert FILE          with --tls: serve this PEM certificate chain instead\n"
+           "  --tls-key FILE           with --tls: the PEM private key of --tls-cert\n"
+           "  --ca-out FILE            with --tls: write the generated CA certificate here\n"
            "  --help                   this text\n";
 }
 
@@ -52,11 +58,16 @@ qxpemu::EmulatorOptions parseArguments(int argc, char** argv) {
             printUsage(std::cout);
             std::exit(0);
         }
+        if (option == "--tls") {
+            options.tls = true;
+            continue;
+        }
         if (i + 1 >= argc) {
             throw std::invalid_argument(
                 option == "--port" || option == "--bind" || option == "--token-lifetime" ||
                         option == "--max-poll" || option == "--client" || option == "--threads" ||
-                        option == "--key" || option == "--heartbeat-interval-ms"
+                        option == "--key" || option == "--heartbeat-interval-ms" ||
+                        option == "--tls-cert" || option == "--tls-key" || option == "--ca-out"
                     ? option + " needs a value"
                     : "unknown option " + option);
         }
@@ -75,6 +86,12 @@ qxpemu::EmulatorOptions parseArguments(int argc, char** argv) {
             options.signingKeyPemFile = value;
         } else if (option == "--heartbeat-interval-ms") {
             options.heartbeatIntervalMs = toInt(option, value, 1, 3600000);
+        } else if (option == "--tls-cert") {
+            options.tlsCertFile = value;
+        } else if (option == "--tls-key") {
+            options.tlsKeyFile = value;
+        } else if (option == "--ca-out") {
+            options.caCertFile = value;
         } else if (option == "--client") {
             const auto first = value.find(':');
             const auto second = first == std::string::npos ? first : value.find(':', first + 1);
@@ -88,6 +105,17 @@ qxpemu::EmulatorOptions parseArguments(int argc, char** argv) {
         } else {
             throw std::invalid_argument("unknown option " + option);
         }
+    }
+    if (!options.tls && !(options.tlsCertFile.empty() && options.tlsKeyFile.empty() &&
+                          options.caCertFile.empty())) {
+        throw std::invalid_argument("--tls-cert, --tls-key and --ca-out need --tls");
+    }
+    if (options.tlsCertFile.empty() != options.tlsKeyFile.empty()) {
+        throw std::invalid_argument("--tls-cert and --tls-key go together");
+    }
+    if (!options.tlsCertFile.empty() && !options.caCertFile.empty()) {
+        throw std::invalid_argument(
+            "--ca-out is for the generated certificate, not with --tls-cert");
     }
     return options;
 }
@@ -115,8 +143,11 @@ int main(int argc, char** argv) {
     try {
         qxpemu::Emulator emulator(options);
         emulator.start();
-        std::cout << "qxp-emulator listening on " << emulator.baseUrl() << "\n"
-                  << "QX_PLATFORM_CONFIG='" << emulator.platformConfig() << "'\n"
+        std::cout << "qxp-emulator listening on " << emulator.baseUrl() << "\n";
+        if (!emulator.caCertificateFile().empty()) {
+            std::cout << "CA certificate: " << emulator.caCertificateFile() << "\n";
+        }
+        std::cout << "QX_PLATFORM_CONFIG='" << emulator.platformConfig() << "'\n"
                   << "Control interface: " << emulator.baseUrl() << "/_emulator/state\n"
                   << "Dashboard: " << emulator.baseUrl() << "/\n"
                   << "Press Ctrl-C to stop." << std::endl;

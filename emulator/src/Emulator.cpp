@@ -1,18 +1,73 @@
 #include <qxpemu/Emulator.h>
 
+#include <atomic>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <stdexcept>
+
+#include <unistd.h>
 
 #include "ControlApi.h"
 #include "EmulatorCore.h"
 #include "HttpServer.h"
 #include "JsonBody.h"
+#include "TlsCertificates.h"
 
 namespace qxpemu {
 
 class Emulator::Impl {
   public:
-    explicit Impl(EmulatorOptions options) : core(std::move(options)) {}
+    explicit Impl(EmulatorOptions options) : core(std::move(options)) {
+        const EmulatorOptions& made = core.options;
+        if (!made.tls) {
+            return;
+        }
+        if (made.tlsCertFile.empty() != made.tlsKeyFile.empty()) {
+            throw std::runtime_error(
+                "give both a TLS certificate file and its key file, or neither");
+        }
+        if (!made.tlsCertFile.empty()) {
+            certificates = TlsCertificates::fromFiles(made.tlsCertFile, made.tlsKeyFile);
+        } else {
+            certificates = TlsCertificates::makeForLoopback();
+            writeCaFile(made.caCertFile);
+        }
+        tlsContext = certificates.serverContext();
+    }
+
+    ~Impl() {
+        if (removeCaFile) {
+            std::error_code ignored;
+            std::filesystem::remove(caFile, ignored);
+        }
+    }
+
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
+
+    void writeCaFile(const std::string& requested) {
+        static std::atomic<unsigned> made{0};
+        if (requested.empty()) {
+            std::error_code error;
+            const auto folder = std::filesystem::temp_directory_path(error);
+            caFile = ((error ? std::filesystem::path("/tmp") : folder) /
+                      ("qxp-emulator-ca-" + std::to_string(::getpid()) + "-" +
+                       std::to_string(++made) + ".pem"))
+                         .string();
+            removeCaFile = true;
+        } else {
+            caFile = requested;
+        }
+        std::ofstream out(caFile, std::ios::binary | std::ios::trunc);
+        if (!(out << certificates.caPem) || !out.flush()) {
+            removeCaFile = false;
+            throw std::runtime_error("cannot write the CA certificate to " + caFile);
+        }
+    }
+
+    std::string scheme() const { return core.options.tls ? "https://" : "http://"; }
 
     std::string hostForUrl() const {
         const std::string& address = core.options.bindAddress;
@@ -30,6 +85,11 @@ class Emulator::Impl {
     // Serialises start and stop with each other and with reset(), whose answers to parked
     // polls must reach a running server.
     mutable std::mutex lifecycle;
+    // With TLS: what is served, and where the CA that signed it was written.
+    TlsCertificates certificates;
+    std::unique_ptr<boost::asio::ssl::context> tlsContext;
+    std::string caFile;
+    bool removeCaFile = false;
     std::unique_ptr<HttpServer> server;
     unsigned short boundPort = 0;
 };
@@ -45,13 +105,13 @@ void Emulator::start() {
     if (impl_->server) {
         throw std::runtime_error("the emulator is already running");
     }
-    auto server = std::make_unique<HttpServer>(impl_->core);
+    auto server = std::make_unique<HttpServer>(impl_->core, impl_->tlsContext.get());
     // A restart keeps the port of the first start, so configured clients reconnect.
     const unsigned short port = impl_->boundPort != 0 ? impl_->boundPort : impl_->core.options.port;
     server->start(impl_->core.options.bindAddress, port, impl_->core.options.threads);
     impl_->boundPort = server->port();
     impl_->server = std::move(server);
-    impl_->core.identity.setIssuer("http://" + impl_->hostForUrl() + ":" +
+    impl_->core.identity.setIssuer(impl_->scheme() + impl_->hostForUrl() + ":" +
                                    std::to_string(impl_->boundPort) + "/identity");
 }
 
@@ -69,7 +129,19 @@ unsigned short Emulator::port() const {
 }
 
 std::string Emulator::baseUrl() const {
-    return "http://" + impl_->hostForUrl() + ":" + std::to_string(port());
+    return impl_->scheme() + impl_->hostForUrl() + ":" + std::to_string(port());
+}
+
+bool Emulator::tls() const {
+    return impl_->core.options.tls;
+}
+
+std::string Emulator::caCertificateFile() const {
+    return impl_->caFile;
+}
+
+std::string Emulator::caCertificatePem() const {
+    return impl_->certificates.caPem;
 }
 
 std::string Emulator::apiKey() const {

@@ -15,8 +15,8 @@ constexpr std::chrono::seconds kSweepPeriod(1);
 constexpr std::chrono::milliseconds kAcceptRetryDelay(50);
 }  // namespace
 
-HttpServer::HttpServer(EmulatorCore& core)
-    : core_(core), acceptor_(io_), sweepTimer_(io_), acceptRetryTimer_(io_) {}
+HttpServer::HttpServer(EmulatorCore& core, boost::asio::ssl::context* tls)
+    : core_(core), tls_(tls), acceptor_(io_), sweepTimer_(io_), acceptRetryTimer_(io_) {}
 
 HttpServer::~HttpServer() {
     stop();
@@ -76,7 +76,11 @@ void HttpServer::accept() {
             return;
         }
         socket.set_option(net::ip::tcp::no_delay(true), error);
-        std::make_shared<HttpSession>(std::move(socket), core_)->run();
+        if (tls_ != nullptr) {
+            std::make_shared<HttpSession<TlsStream>>(core_, std::move(socket), *tls_)->run();
+        } else {
+            std::make_shared<HttpSession<PlainStream>>(core_, std::move(socket))->run();
+        }
         accept();
     });
 }

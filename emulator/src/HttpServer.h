@@ -9,6 +9,7 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl/context.hpp>
 #include <boost/asio/steady_timer.hpp>
 
 #include "EmulatorCore.h"
@@ -17,7 +18,8 @@ namespace qxpemu {
 
 class HttpServer {
   public:
-    explicit HttpServer(EmulatorCore& core);
+    // Serves plain HTTP, or HTTPS with tls when it is given; tls must outlive the server.
+    explicit HttpServer(EmulatorCore& core, boost::asio::ssl::context* tls = nullptr);
     ~HttpServer();
 
     // Binds and starts the threads; throws std::runtime_error when binding fails.
@@ -31,6 +33,7 @@ class HttpServer {
     void scheduleSweep();
 
     EmulatorCore& core_;
+    boost::asio::ssl::context* tls_;
     boost::asio::io_context io_;
     boost::asio::ip::tcp::acceptor acceptor_;
     boost::asio::steady_timer sweepTimer_;

@@ -25,6 +25,8 @@ constexpr std::uint32_t kHeaderLimit = 64 * 1024;
 // How long, and how much, a connection closed after an early answer is drained.
 constexpr std::chrono::seconds kLingerTimeout(2);
 constexpr std::size_t kLingerDrainLimit = 64 * 1024 * 1024;
+// A client that connects over TLS and says nothing is cut off after this long.
+constexpr std::chrono::seconds kHandshakeTimeout(30);
 
 bool startsWith(const std::string& textIn, const char* prefix) {
     return textIn.rfind(prefix, 0) == 0;
@@ -32,24 +34,40 @@ bool startsWith(const std::string& textIn, const char* prefix) {
 
 }  // namespace
 
-HttpSession::HttpSession(net::ip::tcp::socket&& socket, EmulatorCore& core)
-    : stream_(std::move(socket)), timer_(stream_.get_executor()), core_(core) {}
-
-void HttpSession::run() {
-    net::dispatch(stream_.get_executor(), [self = shared_from_this()] { self->readRequest(); });
+template <class Stream>
+void HttpSession<Stream>::run() {
+    net::dispatch(stream_.get_executor(), [self = this->shared_from_this()] {
+        if constexpr (kTls) {
+            self->tcp().expires_after(kHandshakeTimeout);
+            self->stream_.async_handshake(net::ssl::stream_base::server,
+                                          [self](beast::error_code error) {
+                                              if (error) {
+                                                  // Nothing was read: no exchange to end.
+                                                  self->closeConnection();
+                                                  return;
+                                              }
+                                              self->readRequest();
+                                          });
+        } else {
+            self->readRequest();
+        }
+    });
 }
 
-void HttpSession::readRequest() {
+template <class Stream>
+void HttpSession<Stream>::readRequest() {
     parser_.emplace();
     parser_->body_limit(core_.options.maxBodyBytes);
     parser_->header_limit(kHeaderLimit);
-    stream_.expires_after(kIdleTimeout);
-    http::async_read(
-        stream_, buffer_, *parser_,
-        [self = shared_from_this()](beast::error_code error, std::size_t) { self->onRead(error); });
+    tcp().expires_after(kIdleTimeout);
+    http::async_read(stream_, buffer_, *parser_,
+                     [self = this->shared_from_this()](beast::error_code error, std::size_t) {
+                         self->onRead(error);
+                     });
 }
 
-void HttpSession::onRead(beast::error_code error) {
+template <class Stream>
+void HttpSession<Stream>::onRead(beast::error_code error) {
     if (error == http::error::body_limit) {
         send(HttpReply::text(413, "request body larger than " +
                                       std::to_string(core_.options.maxBodyBytes) + " bytes"),
@@ -73,7 +91,7 @@ void HttpSession::onRead(beast::error_code error) {
         send(HttpReply::text(400, "malformed HTTP request: " + error.message()), true);
         return;
     }
-    stream_.expires_never();
+    tcp().expires_never();
 
     auto message = parser_->release();
     parser_.reset();
@@ -96,7 +114,8 @@ void HttpSession::onRead(beast::error_code error) {
     handleRequest();
 }
 
-void HttpSession::handleRequest() {
+template <class Stream>
+void HttpSession<Stream>::handleRequest() {
     if (startsWith(request_.path, ControlApi::kPrefix)) {
         send(ControlApi(core_).handle(request_));
         return;
@@ -119,11 +138,12 @@ void HttpSession::handleRequest() {
     if (auto fault = core_.faults.take(request_.method, request_.path)) {
         if (fault->delayMs > 0) {
             timer_.expires_after(std::chrono::milliseconds(fault->delayMs));
-            timer_.async_wait([self = shared_from_this(), rule = *fault](beast::error_code error) {
-                if (!error) {
-                    self->applyFault(rule);
-                }
-            });
+            timer_.async_wait(
+                [self = this->shared_from_this(), rule = *fault](beast::error_code error) {
+                    if (!error) {
+                        self->applyFault(rule);
+                    }
+                });
             return;
         }
         applyFault(*fault);
@@ -132,7 +152,8 @@ void HttpSession::handleRequest() {
     dispatch();
 }
 
-void HttpSession::applyFault(const FaultRule& fault) {
+template <class Stream>
+void HttpSession<Stream>::applyFault(const FaultRule& fault) {
     if (fault.drop) {
         closeConnection();
         return;
@@ -149,7 +170,8 @@ void HttpSession::applyFault(const FaultRule& fault) {
     dispatch();
 }
 
-void HttpSession::dispatch() {
+template <class Stream>
+void HttpSession<Stream>::dispatch() {
     RouteOutcome outcome = PlatformRouter(core_).route(request_);
     if (outcome.longPoll) {
         startPoll(outcome.mailboxId, outcome.waitSeconds);
@@ -158,14 +180,15 @@ void HttpSession::dispatch() {
     send(std::move(outcome.reply));
 }
 
-void HttpSession::startPoll(const std::string& mailboxId, int waitSeconds) {
+template <class Stream>
+void HttpSession<Stream>::startPoll(const std::string& mailboxId, int waitSeconds) {
     // The hub owns the waiter while it is parked, and the waiter's completion owns this
     // session: a parked poll keeps its connection alive without a pending operation, and the
     // session holds only a weak reference back, so there is no cycle to leak at shutdown.
     auto waiter = std::make_shared<PollWaiter>();
     // The completion runs on whichever thread delivers; it only hops onto this session's
     // strand, with the executor taken here so nothing of the session is read over there.
-    waiter->complete = [self = shared_from_this(),
+    waiter->complete = [self = this->shared_from_this(),
                         strand = stream_.get_executor()](HttpReply reply) {
         net::post(strand, [self, reply = std::move(reply)]() mutable {
             self->finishPoll(std::move(reply));
@@ -188,7 +211,7 @@ void HttpSession::startPoll(const std::string& mailboxId, int waitSeconds) {
     // as little as possible.
     request_ = IncomingRequest();
     timer_.expires_after(std::chrono::seconds(waitSeconds));
-    timer_.async_wait([self = shared_from_this()](beast::error_code error) {
+    timer_.async_wait([self = this->shared_from_this()](beast::error_code error) {
         if (error) {
             return;
         }
@@ -202,13 +225,15 @@ void HttpSession::startPoll(const std::string& mailboxId, int waitSeconds) {
     });
 }
 
-void HttpSession::finishPoll(HttpReply reply) {
+template <class Stream>
+void HttpSession<Stream>::finishPoll(HttpReply reply) {
     timer_.cancel();
     waiter_.reset();
     send(std::move(reply));
 }
 
-void HttpSession::endExchange(unsigned status) {
+template <class Stream>
+void HttpSession<Stream>::endExchange(unsigned status) {
     if (!exchangeOpen_) {
         return;
     }
@@ -220,7 +245,8 @@ void HttpSession::endExchange(unsigned status) {
                                   .count()});
 }
 
-void HttpSession::send(HttpReply reply, bool forceClose) {
+template <class Stream>
+void HttpSession<Stream>::send(HttpReply reply, bool forceClose) {
     endExchange(reply.status);
     response_.emplace();
     auto& response = *response_;
@@ -246,12 +272,12 @@ void HttpSession::send(HttpReply reply, bool forceClose) {
     response.keep_alive(!close);
     response.prepare_payload();
     http::async_write(stream_, response,
-                      [self = shared_from_this(), close](beast::error_code error, std::size_t) {
-                          self->onWritten(error, close);
-                      });
+                      [self = this->shared_from_this(), close](
+                          beast::error_code error, std::size_t) { self->onWritten(error, close); });
 }
 
-void HttpSession::onWritten(beast::error_code error, bool close) {
+template <class Stream>
+void HttpSession<Stream>::onWritten(beast::error_code error, bool close) {
     response_.reset();
     if (error) {
         closeConnection();
@@ -264,21 +290,30 @@ void HttpSession::onWritten(beast::error_code error, bool close) {
     readRequest();
 }
 
-void HttpSession::lingerThenClose() {
+template <class Stream>
+void HttpSession<Stream>::lingerThenClose() {
     // A client answered early (413, 431, 400) may still be sending; closing at once would
     // reset the connection and destroy the answer in flight. Stop sending, drain what comes
-    // for a while, then close.
+    // for a while, then close. Over TLS the close is announced (close_notify) and the
+    // client's own close_notify awaited instead, within the same time.
+    if constexpr (kTls) {
+        tcp().expires_after(kLingerTimeout);
+        stream_.async_shutdown(
+            [self = this->shared_from_this()](beast::error_code) { self->closeConnection(); });
+        return;
+    }
     beast::error_code ignored;
-    stream_.socket().shutdown(net::ip::tcp::socket::shutdown_send, ignored);
-    stream_.expires_after(kLingerTimeout);
+    tcp().socket().shutdown(net::ip::tcp::socket::shutdown_send, ignored);
+    tcp().expires_after(kLingerTimeout);
     drain(0);
 }
 
-void HttpSession::drain(std::size_t drained) {
+template <class Stream>
+void HttpSession<Stream>::drain(std::size_t drained) {
     buffer_.consume(buffer_.size());
     stream_.async_read_some(
         buffer_.prepare(16 * 1024),
-        [self = shared_from_this(), drained](beast::error_code error, std::size_t count) {
+        [self = this->shared_from_this(), drained](beast::error_code error, std::size_t count) {
             if (error || drained + count > kLingerDrainLimit) {
                 self->closeConnection();
                 return;
@@ -288,12 +323,16 @@ void HttpSession::drain(std::size_t drained) {
         });
 }
 
-void HttpSession::closeConnection() {
+template <class Stream>
+void HttpSession<Stream>::closeConnection() {
     endExchange(0);
     beast::error_code ignored;
-    stream_.socket().shutdown(net::ip::tcp::socket::shutdown_both, ignored);
-    stream_.close();
+    tcp().socket().shutdown(net::ip::tcp::socket::shutdown_both, ignored);
+    tcp().close();
     timer_.cancel();
 }
+
+template class HttpSession<PlainStream>;
+template class HttpSession<TlsStream>;
 
 }  // namespace qxpemu

@@ -1,11 +1,13 @@
 // One client connection: reads requests, records them, applies fault rules, answers them
-// through the routers, and parks long polls without holding a thread.
+// through the routers, and parks long polls without holding a thread. The same session
+// serves plain TCP and TLS connections (Stream is PlainStream or TlsStream).
 #pragma once
 
 #include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
+#include <type_traits>
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -14,6 +16,7 @@
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/string_body.hpp>
+#include <boost/beast/ssl/ssl_stream.hpp>
 
 #include "EmulatorCore.h"
 #include "HttpExchange.h"
@@ -21,14 +24,24 @@
 
 namespace qxpemu {
 
-class HttpSession : public std::enable_shared_from_this<HttpSession> {
-  public:
-    HttpSession(boost::asio::ip::tcp::socket&& socket, EmulatorCore& core);
+using PlainStream = boost::beast::tcp_stream;
+using TlsStream = boost::beast::ssl_stream<boost::beast::tcp_stream>;
 
-    // Starts reading; the session keeps itself alive through its pending operations.
+template <class Stream>
+class HttpSession : public std::enable_shared_from_this<HttpSession<Stream>> {
+  public:
+    // A plain connection, or a TLS one with the server context as the last argument.
+    template <class... TlsContext>
+    HttpSession(EmulatorCore& core, boost::asio::ip::tcp::socket&& socket, TlsContext&... tls)
+        : stream_(std::move(socket), tls...), timer_(stream_.get_executor()), core_(core) {}
+
+    // Starts the TLS handshake, if any, then reading; the session keeps itself alive
+    // through its pending operations.
     void run();
 
   private:
+    static constexpr bool kTls = std::is_same<Stream, TlsStream>::value;
+    boost::beast::tcp_stream& tcp() { return boost::beast::get_lowest_layer(stream_); }
     void readRequest();
     void onRead(boost::beast::error_code error);
     void handleRequest();
@@ -42,7 +55,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     void drain(std::size_t drained);
     void closeConnection();
 
-    boost::beast::tcp_stream stream_;
+    Stream stream_;
     boost::beast::flat_buffer buffer_;
     std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;
     boost::asio::steady_timer timer_;
@@ -65,5 +78,8 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
 
     std::optional<boost::beast::http::response<boost::beast::http::string_body>> response_;
 };
+
+extern template class HttpSession<PlainStream>;
+extern template class HttpSession<TlsStream>;
 
 }  // namespace qxpemu

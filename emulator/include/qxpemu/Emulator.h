@@ -30,8 +30,10 @@ namespace qxpemu {
 class Emulator {
   public:
     // Prepares an emulator: makes the signing key (generated, or loaded from
-    // options.signingKeyPemFile) and the default client when none is given. Does not listen
-    // yet. Throws std::runtime_error when the key cannot be made or loaded.
+    // options.signingKeyPemFile) and the default client when none is given, and with
+    // options.tls its TLS certificate (generated with its CA, or loaded). Does not listen
+    // yet. Throws std::runtime_error when a key or certificate cannot be made or loaded, or
+    // the CA certificate cannot be written.
     explicit Emulator(EmulatorOptions options = {});
 
     // Stops the server (see stop()).
@@ -52,12 +54,23 @@ class Emulator {
     // The bound port (the chosen one when options.port was 0); 0 before the first start().
     unsigned short port() const;
 
-    // "http://" + bind address + ":" + port(), without a trailing slash.
+    // "http://" (or "https://" with EmulatorOptions::tls) + bind address + ":" + port(),
+    // without a trailing slash.
     std::string baseUrl() const;
 
     // base64(clientId + ":" + secret) of the first client: the API key a client library is
     // configured with (sent verbatim after "Basic ").
     std::string apiKey() const;
+
+    // Whether the emulator serves HTTPS.
+    bool tls() const;
+
+    // The file holding the CA certificate that signed the served certificate (PEM), for a
+    // client to trust; empty without TLS or when the certificate was brought by the user.
+    std::string caCertificateFile() const;
+
+    // The same CA certificate as PEM text; empty when caCertificateFile() is.
+    std::string caCertificatePem() const;
 
     // A ready-to-use configuration document:
     // {"url": baseUrl(), "logging": {"credentials": apiKey()}}.

@@ -42,6 +42,20 @@ struct EmulatorOptions {
     std::size_t maxQueuedPerMailbox = 10000;
     // Recorded requests kept; when full the oldest record is dropped.
     std::size_t maxRecordedRequests = 100000;
+
+    // --- HTTPS ---
+    // Serve HTTPS (TLS 1.2 or later) instead of HTTP on the port: platform, control
+    // interface and dashboard alike. Unless tlsCertFile and tlsKeyFile are given, the
+    // emulator makes a CA when it is constructed and a certificate signed by it for
+    // "localhost", 127.0.0.1 and ::1, and writes the CA certificate to caCertFile.
+    bool tls = false;
+    // A PEM certificate chain (server certificate first) and its PEM private key to serve
+    // instead of the generated ones; give both or neither.
+    std::string tlsCertFile;
+    std::string tlsKeyFile;
+    // Where the generated CA certificate (PEM) is written; "" picks a new file in the
+    // temporary directory, removed again when the emulator is destroyed.
+    std::string caCertFile;
 };
 
 }  // namespace qxpemu
