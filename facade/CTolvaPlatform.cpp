@@ -2,6 +2,7 @@
 
 #include <TolvaCore/QxPlatformApi.h>
 #include <TolvaCore/WebUtils.h>
+#include <TolvaCore/private/TlsTrust.h>
 
 #include <ZuCore/Env.h>
 #include <ZuCore/MakeShared.h>
@@ -307,11 +308,12 @@ void CTolvaPlatform::createNewPlatformClient() {
     try {
         http_client_config shortConfig;
         shortConfig.set_timeout(kShortClientTimeout);
-        m_platformClient = std::make_shared<http_client>(toUri(m_platformUrl), shortConfig);
+        m_platformClient = Varkel::Tolva::TlsTrust::makeClient(toUri(m_platformUrl), shortConfig);
 
         http_client_config longConfig;
         longConfig.set_timeout(kLongClientTimeout);
-        m_platformClientLong = std::make_shared<http_client>(toUri(m_platformUrl), longConfig);
+        m_platformClientLong =
+            Varkel::Tolva::TlsTrust::makeClient(toUri(m_platformUrl), longConfig);
     } catch (const std::exception& e) {
         std::printf("Failed to create KOVA platform client: %s\n", e.what());
     }
@@ -328,7 +330,7 @@ void CTolvaPlatform::createNewDirectClient() {
         // anything still gets a client attempt; this acceptance is kept as hosts know it,
         // stricter than the one for the API object.
         if (beginsWith(m_directUrl, L"http://", 7) || beginsWith(m_directUrl, L"https://", 7)) {
-            m_directClient = std::make_shared<http_client>(toUri(m_directUrl), config);
+            m_directClient = Varkel::Tolva::TlsTrust::makeClient(toUri(m_directUrl), config);
         }
     } catch (const std::exception& e) {
         std::printf("Failed to create KOVA local discovery client: %s.\n", e.what());

@@ -33,6 +33,9 @@ void printUsage(std::ostream& out) {
            "  --tls-cert FILE          with --tls: serve this PEM certificate chain instead\n"
            "  --tls-key FILE           with --tls: the PEM private key of --tls-cert\n"
            "  --ca-out FILE            with --tls: write the generated CA certificate here\n"
+           "  --tls-name NAME          with --tls: a host name or address the generated\n"
+           "                           certificate names; repeat for more (default:\n"
+           "                           localhost, 127.0.0.1 and ::1)\n"
            "  --help                   this text\n";
 }
 
@@ -52,6 +55,7 @@ int toInt(const std::string& option, const std::string& value, int low, int high
 qxpemu::EmulatorOptions parseArguments(int argc, char** argv) {
     qxpemu::EmulatorOptions options;
     options.port = kDefaultPort;
+    bool namesGiven = false;
     for (int i = 1; i < argc; ++i) {
         const std::string option = argv[i];
         if (option == "--help" || option == "-h") {
@@ -67,7 +71,8 @@ qxpemu::EmulatorOptions parseArguments(int argc, char** argv) {
                 option == "--port" || option == "--bind" || option == "--token-lifetime" ||
                         option == "--max-poll" || option == "--client" || option == "--threads" ||
                         option == "--key" || option == "--heartbeat-interval-ms" ||
-                        option == "--tls-cert" || option == "--tls-key" || option == "--ca-out"
+                        option == "--tls-cert" || option == "--tls-key" || option == "--ca-out" ||
+                        option == "--tls-name"
                     ? option + " needs a value"
                     : "unknown option " + option);
         }
@@ -90,6 +95,12 @@ qxpemu::EmulatorOptions parseArguments(int argc, char** argv) {
             options.tlsCertFile = value;
         } else if (option == "--tls-key") {
             options.tlsKeyFile = value;
+        } else if (option == "--tls-name") {
+            if (!namesGiven) {
+                options.tlsNames.clear();
+                namesGiven = true;
+            }
+            options.tlsNames.push_back(value);
         } else if (option == "--ca-out") {
             options.caCertFile = value;
         } else if (option == "--client") {

@@ -31,7 +31,7 @@ class Emulator::Impl {
         if (!made.tlsCertFile.empty()) {
             certificates = TlsCertificates::fromFiles(made.tlsCertFile, made.tlsKeyFile);
         } else {
-            certificates = TlsCertificates::makeForLoopback();
+            certificates = TlsCertificates::makeSigned(made.tlsNames);
             writeCaFile(made.caCertFile);
         }
         tlsContext = certificates.serverContext();

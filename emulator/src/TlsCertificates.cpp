@@ -4,6 +4,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include <boost/asio/ip/address.hpp>
+
 #include <openssl/bio.h>
 #include <openssl/bn.h>
 #include <openssl/err.h>
@@ -66,7 +68,7 @@ void addExtension(X509* cert, X509* issuer, int nid, const char* value) {
 
 // A certificate for subject's key, signed by issuerKey (issuer null: self-signed).
 CertPtr makeCertificate(const std::string& commonName, EVP_PKEY* subjectKey, X509* issuer,
-                        EVP_PKEY* issuerKey, long validDays) {
+                        EVP_PKEY* issuerKey, long validDays, const std::string& altNames = "") {
     CertPtr cert(X509_new());
     if (!cert) {
         fail("cannot make a certificate");
@@ -105,7 +107,7 @@ CertPtr makeCertificate(const std::string& commonName, EVP_PKEY* subjectKey, X50
         addExtension(cert.get(), signer, NID_basic_constraints, "critical,CA:FALSE");
         addExtension(cert.get(), signer, NID_key_usage, "critical,digitalSignature");
         addExtension(cert.get(), signer, NID_ext_key_usage, "serverAuth");
-        addExtension(cert.get(), signer, NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1,IP:::1");
+        addExtension(cert.get(), signer, NID_subject_alt_name, altNames.c_str());
         addExtension(cert.get(), signer, NID_subject_key_identifier, "hash");
         addExtension(cert.get(), signer, NID_authority_key_identifier, "keyid:always");
     }
@@ -147,13 +149,23 @@ std::string readFile(const std::string& path, const char* what) {
 
 }  // namespace
 
-TlsCertificates TlsCertificates::makeForLoopback() {
+TlsCertificates TlsCertificates::makeSigned(const std::vector<std::string>& names) {
+    if (names.empty()) {
+        throw std::runtime_error("a TLS certificate needs at least one name");
+    }
+    std::string altNames;
+    for (const auto& name : names) {
+        boost::system::error_code notAnAddress;
+        boost::asio::ip::make_address(name, notAnAddress);
+        altNames +=
+            (altNames.empty() ? "" : ",") + std::string(notAnAddress ? "DNS:" : "IP:") + name;
+    }
     const KeyPtr caKey = makeKey();
     const CertPtr ca =
         makeCertificate("qxp-emulator local CA", caKey.get(), nullptr, caKey.get(), 3650);
     const KeyPtr serverKey = makeKey();
     const CertPtr server =
-        makeCertificate("localhost", serverKey.get(), ca.get(), caKey.get(), 365);
+        makeCertificate(names.front(), serverKey.get(), ca.get(), caKey.get(), 365, altNames);
     TlsCertificates made;
     made.chainPem = pemOf(server.get());
     made.keyPem = pemOf(serverKey.get());

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <boost/asio/ssl/context.hpp>
 
@@ -19,9 +20,9 @@ struct TlsCertificates {
     std::string caPem;
 
     // A fresh CA (P-256, valid for 10 years) and a server certificate it signs (P-256, valid
-    // for 1 year) naming "localhost", 127.0.0.1 and ::1. Throws std::runtime_error when
-    // OpenSSL fails.
-    static TlsCertificates makeForLoopback();
+    // for 1 year) naming `names` (host names and IP addresses). Throws std::runtime_error
+    // when OpenSSL fails or names is empty.
+    static TlsCertificates makeSigned(const std::vector<std::string>& names);
 
     // A chain and key read from PEM files. Throws std::runtime_error naming the file that
     // cannot be read, or when the key does not belong to the first certificate.

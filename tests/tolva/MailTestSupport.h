@@ -74,6 +74,9 @@ inline std::string pollPath(const Mailbox& mailbox) {
 class MailTest : public RestTest {
   protected:
     MailTest() : RestTest(options()) {}
+    // Other settings (a TLS emulator, say); pass maxPollSeconds = 1 to keep polls short.
+    explicit MailTest(qxpemu::EmulatorOptions emulatorOptions)
+        : RestTest(std::move(emulatorOptions)) {}
 
     static qxpemu::EmulatorOptions options() {
         qxpemu::EmulatorOptions emulatorOptions = testEmulatorOptions();

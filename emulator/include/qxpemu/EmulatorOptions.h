@@ -56,6 +56,8 @@ struct EmulatorOptions {
     // Where the generated CA certificate (PEM) is written; "" picks a new file in the
     // temporary directory, removed again when the emulator is destroyed.
     std::string caCertFile;
+    // The names the generated certificate is valid for: host names, IPv4 and IPv6 addresses.
+    std::vector<std::string> tlsNames = {"localhost", "127.0.0.1", "::1"};
 };
 
 }  // namespace qxpemu

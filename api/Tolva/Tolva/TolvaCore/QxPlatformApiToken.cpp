@@ -4,6 +4,7 @@
 #include <TolvaCore/QxPlatformApi.h>
 
 #include "private/ApiDefaults.h"
+#include "private/JsonReply.h"
 #include "private/RestCall.h"
 
 #include <ZuCore/Base64.h>
@@ -86,7 +87,7 @@ Token QxPlatformApi::getToken() {
         // The continuations write only into result, which outlives them: each chain is
         // waited for before the next step.
         tokenCall.send(client)
-            .then([](http_response response) { return response.extract_json(); })
+            .then([](http_response response) { return extractJsonReply(response); })
             .then([&result](const value& reply) {
                 result.accessToken = widen(reply.at("access_token").as_string());
                 const std::int64_t lifetimeSeconds = reply.at("expires_in").as_integer();
@@ -97,7 +98,7 @@ Token QxPlatformApi::getToken() {
             .get();
 
         keySetCall.send(client)
-            .then([](http_response response) { return response.extract_json(); })
+            .then([](http_response response) { return extractJsonReply(response); })
             .then([&result](const value& keySet) { result.keySet = keySet; })
             .get();
     } catch (const http_exception& e) {

@@ -13,6 +13,7 @@
 #include <pplx/threadpool.h>
 
 #include "private/CountText.h"
+#include "private/TlsTrust.h"
 
 namespace Varkel {
 namespace Tolva {
@@ -124,7 +125,7 @@ std::shared_ptr<web::http::client::http_client> createHttpClient(
         ZU_LOG_DEBUG(webUtilLogger(), L"HTTP client uses the proxy given by http_proxy.");
     }
 
-    auto client = std::make_shared<web::http::client::http_client>(web::uri(narrow(url)), config);
+    auto client = TlsTrust::makeClient(web::uri(narrow(url)), config);
 
     if (api) {
         // A weak reference: the API object owns its clients, so a strong one would keep the
@@ -142,6 +143,14 @@ std::shared_ptr<web::http::client::http_client> createHttpClient(
         });
     }
     return client;
+}
+
+void setTrustedCaFile(const std::wstring& path) {
+    TlsTrust::setCaFile(Varkel::Zu::narrow(path));
+}
+
+std::wstring trustedCaFile() {
+    return Varkel::Zu::widen(TlsTrust::caFile());
 }
 
 }  // namespace WebUtils

@@ -25,9 +25,34 @@ namespace WebUtils {
 /// proxy's URI. When api is not empty, every request sent through the client gets the header
 /// "Authorization: Bearer <token>" with the token text api holds at send time; the client keeps
 /// only a weak reference to api, and sends without the header once api is gone.
+/// For an https url the server's certificate must chain to a CA the process trusts (see
+/// setTrustedCaFile) and name the url's host; both checks are always on. A handshake that
+/// fails makes the request fail with web::http::http_exception whose text reads "TLS
+/// handshake with <host>:<port> failed: " and the reason (for instance "the server's
+/// certificate is not trusted (unable to get local issuer certificate)" or "the server's
+/// certificate is not valid for the host name <host>"); nothing of the request is sent.
+/// Through an HTTP proxy, HTTPS goes through a CONNECT tunnel.
 /// Throws web::uri_exception for a malformed url or "http_proxy" value. Any thread.
 TOLVA_EXPORT std::shared_ptr<web::http::client::http_client> createHttpClient(
     const std::wstring& url, const std::shared_ptr<Rest::QxPlatformApi>& api);
+
+/// HTTPS connections made by the library (the API object's and the facade's clients) trust the
+/// system's trust store (OpenSSL's default paths, on Debian /etc/ssl/certs) and, in addition,
+/// the CA certificates of one PEM file:
+///   1. the file given to setTrustedCaFile; else
+///   2. the file named by the environment variable "TOLVA_CA_FILE", read when the first HTTPS
+///      connection is opened (a file that cannot be used is reported once, at error level on
+///      "TolvaCore.WebUtil", and the system's store alone is trusted).
+/// Call it before the first request (before making the API object) so that every connection
+/// uses it; a connection opened later uses the file in force when it opens. An empty path
+/// goes back to the system's store alone. Throws Varkel::Zu::InvalidArgumentException when the
+/// file cannot be read or holds no PEM certificate, and then keeps the trust in force.
+/// There is no call to turn certificate or host-name verification off. Any thread.
+TOLVA_EXPORT void setTrustedCaFile(const std::wstring& path);
+
+/// The extra CA file in force (see setTrustedCaFile); empty when only the system's store is
+/// trusted. Any thread.
+TOLVA_EXPORT std::wstring trustedCaFile();
 
 /// The HTTP library runs every request's socket work and every continuation on one shared pool
 /// of threads per process. Its own default is 40 threads, which costs about 27 context switches
