@@ -15,6 +15,9 @@ std::vector<OptionSyntax> commonOptions(bool connects) {
         options.push_back({"credentials-file", "FILE",
                            "read the API key from FILE (its first line), so that it need not "
                            "sit on a command line"});
+        options.push_back({"ca-file", "FILE",
+                           "also trust the CA certificates in FILE (PEM) for HTTPS, besides the "
+                           "system's (default: TOLVA_CA_FILE)"});
     }
     options.push_back({"json", "", "print JSON for scripts instead of text"});
     options.push_back(

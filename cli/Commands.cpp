@@ -80,8 +80,9 @@ const std::vector<Command>& commands() {
           "Start an emulator in this process and tour the whole library against it.",
           "Token, verification, a service with heartbeats, a mailbox and a listener, posting\n"
           "and receiving, request and reply answered by a second API object, unregistering\n"
-          "and deleting; each step with its timing, then a summary.",
-          {},
+          "and deleting; each step with its timing, then a summary. With --tls the emulator\n"
+          "serves HTTPS with a certificate signed by a CA it makes, and the tour trusts that CA.",
+          {{"tls", "", "serve the emulator over HTTPS"}},
           0,
           0,
           false},

@@ -10,6 +10,7 @@
 #include <TolvaCore/ModelServiceHealth.h>
 #include <TolvaCore/ModelServiceInfo.h>
 #include <TolvaCore/QxPlatformApi.h>
+#include <TolvaCore/WebUtils.h>
 
 #include <ZuCore/MakeShared.h>
 #include <ZuCore/StringConversion.h>
@@ -198,7 +199,12 @@ int runDemo(const Arguments& arguments) {
     const bool json = arguments.has("json");
     Tour tour(json);
     const auto start = Clock::now();
-    qxpemu::Emulator emulator;
+    qxpemu::EmulatorOptions emulatorOptions;
+    emulatorOptions.tls = arguments.has("tls");
+    qxpemu::Emulator emulator(emulatorOptions);
+    if (emulator.tls()) {
+        Varkel::Tolva::WebUtils::setTrustedCaFile(Varkel::Zu::widen(emulator.caCertificateFile()));
+    }
     std::shared_ptr<QxPlatformApi> api;
     std::shared_ptr<QxPlatformApi> responderApi;
     std::shared_ptr<ModelServiceInfo> service;
@@ -210,6 +216,9 @@ int runDemo(const Arguments& arguments) {
     tour.step("Start the platform emulator in this process", [&] {
         emulator.start();
         tour.note("listening on " + emulator.baseUrl());
+        if (emulator.tls()) {
+            tour.note("trusting the CA certificate in " + emulator.caCertificateFile());
+        }
     });
 
     tour.step("Obtain an access token (OAuth2 client credentials)", [&] {

@@ -2,6 +2,9 @@
 
 #include "UsageError.h"
 
+#include <TolvaCore/WebUtils.h>
+
+#include <ZuCore/InvalidArgumentException.h>
 #include <ZuCore/Logger.h>
 #include <ZuCore/MakeShared.h>
 #include <ZuCore/StringConversion.h>
@@ -77,6 +80,15 @@ PlatformConnection::PlatformConnection(const Arguments& arguments) {
     if (key_.empty()) {
         throw UsageError(
             "no API key: give --credentials, --credentials-file or set QX_PLATFORM_CONFIG");
+    }
+    if (arguments.has("ca-file")) {
+        const std::string path = arguments.value("ca-file");
+        try {
+            Varkel::Tolva::WebUtils::setTrustedCaFile(Varkel::Zu::widen(path));
+        } catch (const Varkel::Zu::InvalidArgumentException&) {
+            throw UsageError("cannot use the CA file " + path +
+                             ": it cannot be read or holds no PEM certificate");
+        }
     }
     const bool httpScheme = url_.rfind("http://", 0) == 0 || url_.rfind("https://", 0) == 0;
     if (!httpScheme || !web::uri::validate(url_) || web::uri(url_).host().empty()) {

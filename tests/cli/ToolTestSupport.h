@@ -16,15 +16,20 @@
 namespace TolvaTest {
 
 class ToolTest : public ::testing::Test {
-  protected:
+  public:
     static constexpr const char* kAccount = "tolva-cli-account";
-
-    ToolTest() : emulator_(options()) { emulator_.start(); }
 
     static qxpemu::EmulatorOptions options() {
         qxpemu::EmulatorOptions options;
         options.clients = {{"tolva-cli", "cli-secret-0123456789", kAccount}};
         return options;
+    }
+
+  protected:
+    ToolTest() : ToolTest(options()) {}
+    explicit ToolTest(qxpemu::EmulatorOptions emulatorOptions)
+        : emulator_(std::move(emulatorOptions)) {
+        emulator_.start();
     }
 
     // `arguments` followed by --url and --credentials of the emulator.
