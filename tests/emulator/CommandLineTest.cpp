@@ -9,7 +9,19 @@
 #include <string>
 #include <vector>
 
+#include <boost/asio/connect.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/ssl.hpp>
+#include <boost/beast/version.hpp>
+
 #include <nlohmann/json.hpp>
+
+#include <fstream>
 
 #include <poll.h>
 #include <signal.h>
@@ -117,11 +129,89 @@ TEST(CommandLineTest, PrintsAConfigurationThatWorksAndStopsOnCtrlC) {
     EXPECT_EQ(0, binary.stopWith(SIGINT));
 }
 
+// One HTTPS request to 127.0.0.1:port trusting only caFile, with host-name checking.
+// Returns the status and body; throws boost::system::system_error when TLS fails.
+std::pair<unsigned, std::string> httpsRequest(unsigned short port, const std::string& caFile,
+                                              const std::string& method, const std::string& target,
+                                              const std::string& body = "") {
+    namespace net = boost::asio;
+    namespace http = boost::beast::http;
+    net::io_context io;
+    net::ssl::context context(net::ssl::context::tls_client);
+    context.load_verify_file(caFile);
+    context.set_verify_mode(net::ssl::verify_peer);
+    boost::beast::ssl_stream<boost::beast::tcp_stream> stream(io, context);
+    stream.set_verify_callback(net::ssl::host_name_verification("127.0.0.1"));
+    stream.next_layer().connect(net::ip::tcp::endpoint(net::ip::make_address("127.0.0.1"), port));
+    stream.handshake(net::ssl::stream_base::client);
+    http::request<http::string_body> request(http::string_to_verb(method), target, 11);
+    request.set(http::field::host, "127.0.0.1:" + std::to_string(port));
+    request.body() = body;
+    request.prepare_payload();
+    http::write(stream, request);
+    boost::beast::flat_buffer buffer;
+    http::response<http::string_body> response;
+    http::read(stream, buffer, response);
+    return {response.result_int(), response.body()};
+}
+
+TEST(CommandLineTest, WithTlsItServesHttpsAndPrintsTheCaFile) {
+    RunningBinary binary({"--port", "0", "--tls"});
+    const std::string output = binary.readUntil("Press Ctrl-C", std::chrono::seconds(30));
+    const auto listening = output.find("listening on https://127.0.0.1:");
+    ASSERT_NE(std::string::npos, listening) << output;
+    const auto caLine = output.find("\nCA certificate: ");
+    ASSERT_NE(std::string::npos, caLine) << output;
+    const auto pathStart = caLine + std::string("\nCA certificate: ").size();
+    const std::string caFile = output.substr(pathStart, output.find('\n', pathStart) - pathStart);
+    std::ifstream ca(caFile);
+    std::string firstLine;
+    std::getline(ca, firstLine);
+    EXPECT_EQ("-----BEGIN CERTIFICATE-----", firstLine);
+    EXPECT_NE(std::string::npos, output.find("QX_PLATFORM_CONFIG='{\"url\":\"https://127.0.0.1:"))
+        << output;
+    EXPECT_NE(std::string::npos, output.find("Dashboard: https://127.0.0.1:")) << output;
+    const std::string portText = output.substr(listening + 31);
+    const auto port = static_cast<unsigned short>(std::stoi(portText));
+
+    // Platform, control interface and dashboard, all over TLS.
+    const auto keySet =
+        httpsRequest(port, caFile, "GET", "/identity/.well-known/openid-configuration/jwks");
+    EXPECT_EQ(200u, keySet.first);
+    EXPECT_TRUE(nlohmann::json::parse(keySet.second).contains("keys"));
+    const auto state = httpsRequest(port, caFile, "GET", "/_emulator/state");
+    EXPECT_EQ(200u, state.first);
+    EXPECT_EQ(30, nlohmann::json::parse(state.second)["maxPollSeconds"]);
+    const auto dashboard = httpsRequest(port, caFile, "GET", "/");
+    EXPECT_EQ(200u, dashboard.first);
+    EXPECT_NE(std::string::npos, dashboard.second.find("<html")) << dashboard.second.substr(0, 200);
+
+    // Plain HTTP on the TLS port gets no answer.
+    HttpTestClient plain(port, std::chrono::seconds(5));
+    EXPECT_EQ(0, plain.request("GET", "/_emulator/state").status);
+
+    EXPECT_EQ(0, binary.stopWith(SIGINT));
+    EXPECT_FALSE(std::ifstream(caFile).good()) << "the CA file outlived the emulator";
+}
+
+TEST(CommandLineTest, ACertificateFileThatCannotBeReadIsReported) {
+    RunningBinary keyless({"--port", "0", "--tls", "--tls-cert", "/nonexistent/cert.pem",
+                           "--tls-key", "/nonexistent/key.pem"});
+    const std::string output = keyless.readUntil("qxp-emulator: ", std::chrono::seconds(30));
+    EXPECT_NE(std::string::npos, output.find("qxp-emulator: cannot read the TLS certificate file "
+                                             "/nonexistent/cert.pem"))
+        << output;
+    EXPECT_EQ(1, keyless.stopWith(0));
+}
+
 TEST(CommandLineTest, RejectsUnknownOptionsAndBadValues) {
     for (const std::vector<std::string>& arguments : {std::vector<std::string>{"--frobnicate", "1"},
                                                       {"--port", "70000"},
                                                       {"--client", "no-colons"},
-                                                      {"--max-poll"}}) {
+                                                      {"--max-poll"},
+                                                      {"--tls-cert", "cert.pem"},
+                                                      {"--tls", "--tls-cert", "cert.pem"},
+                                                      {"--tls", "--tls-name"}}) {
         RunningBinary binary(arguments);
         const std::string output = binary.readUntil("Usage:", std::chrono::seconds(30));
         EXPECT_NE(std::string::npos, output.find("qxp-emulator: ")) << output;
