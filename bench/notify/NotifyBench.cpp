@@ -4,7 +4,12 @@
 // from many connections at once). Everything runs in this process against the in-process
 // emulator on loopback.
 //
-//   notify_bench [--requests N] [--emulator-threads T] [--pool-threads P]
+//   notify_bench [--requests N] [--emulator-threads T] [--pool-threads P] [--tls]
+//
+// --tls runs everything over HTTPS: the emulator serves TLS with a certificate from the CA it
+// makes, which both clients trust (the library through WebUtils::setTrustedCaFile, libcurl
+// through CURLOPT_CAINFO). After the table, the time of a first request on a new connection
+// (connect, handshake when TLS, request and answer) for a new client of each kind.
 //
 // --pool-threads sizes the HTTP library's shared pool through
 // WebUtils::setHttpThreadPoolSize (default: the library's default). CPU time per request is the
@@ -142,7 +147,8 @@ size_t discard(char*, size_t size, size_t count, void*) {
 // One libcurl easy handle per sender: the connection stays open between requests.
 class CurlSender {
   public:
-    CurlSender(const std::string& url, const std::string& token) : curl_(curl_easy_init()) {
+    CurlSender(const std::string& url, const std::string& token, const std::string& caFile)
+        : curl_(curl_easy_init()) {
         if (!curl_) {
             throw std::runtime_error("curl_easy_init failed");
         }
@@ -157,6 +163,9 @@ class CurlSender {
         curl_easy_setopt(curl_, CURLOPT_WRITEFUNCTION, discard);
         curl_easy_setopt(curl_, CURLOPT_NOSIGNAL, 1L);
         curl_easy_setopt(curl_, CURLOPT_TCP_NODELAY, 1L);
+        if (!caFile.empty()) {
+            curl_easy_setopt(curl_, CURLOPT_CAINFO, caFile.c_str());
+        }
     }
     ~CurlSender() {
         curl_slist_free_all(headers_);
@@ -187,6 +196,48 @@ class CurlSender {
     boost::uuids::random_generator generator_;
 };
 
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+// A first request on a new connection, `rounds` times: a new client each time, GET of the key
+// set, timed from just before the request until its answer.
+void printFirstConnection(const std::string& url, const std::string& caFile, int rounds) {
+    const std::string keySetPath = "/identity/.well-known/openid-configuration/jwks";
+    std::vector<double> library;
+    std::vector<double> curl;
+    for (int round = 0; round < rounds; ++round) {
+        const auto client =
+            Varkel::Tolva::WebUtils::createHttpClient(Varkel::Zu::widen(url), nullptr);
+        const auto start = Clock::now();
+        const auto response = client->request(web::http::methods::GET, keySetPath).get();
+        if (response.status_code() != 200) {
+            throw std::runtime_error("key set request failed");
+        }
+        library.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+
+        CURL* handle = curl_easy_init();
+        curl_easy_setopt(handle, CURLOPT_URL, (url + keySetPath).c_str());
+        curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, discard);
+        curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+        if (!caFile.empty()) {
+            curl_easy_setopt(handle, CURLOPT_CAINFO, caFile.c_str());
+        }
+        const auto curlStart = Clock::now();
+        const CURLcode code = curl_easy_perform(handle);
+        curl.push_back(std::chrono::duration<double, std::micro>(Clock::now() - curlStart).count());
+        curl_easy_cleanup(handle);
+        if (code != CURLE_OK) {
+            throw std::runtime_error("curl key set request failed: " + std::to_string(code));
+        }
+    }
+    std::printf(
+        "first request on a new connection, median of %d: QxPlatformApi's client %.0f us, "
+        "libcurl %.0f us\n",
+        rounds, median(library), median(curl));
+}
+
 void print(const Result& r) {
     std::printf("| %-28s | %7u | %8zu | %10.1f | %10.1f | %12.0f | %12.1f |\n", r.client.c_str(),
                 r.threads, r.requests, r.medianUs, r.p99Us, r.perSecond, r.cpuUsPerRequest);
@@ -197,14 +248,23 @@ void print(const Result& r) {
 int main(int argc, char** argv) {
     std::size_t requests = 4000;
     unsigned emulatorThreads = 2;
-    for (int i = 1; i + 1 < argc; i += 2) {
+    bool tls = false;
+    for (int i = 1; i < argc; ++i) {
         const std::string option = argv[i];
+        if (option == "--tls") {
+            tls = true;
+            continue;
+        }
+        if (i + 1 >= argc) {
+            break;
+        }
+        ++i;
         if (option == "--requests") {
-            requests = std::stoul(argv[i + 1]);
+            requests = std::stoul(argv[i]);
         } else if (option == "--emulator-threads") {
-            emulatorThreads = static_cast<unsigned>(std::stoul(argv[i + 1]));
+            emulatorThreads = static_cast<unsigned>(std::stoul(argv[i]));
         } else if (option == "--pool-threads") {
-            Varkel::Tolva::WebUtils::setHttpThreadPoolSize(std::stoul(argv[i + 1]));
+            Varkel::Tolva::WebUtils::setHttpThreadPoolSize(std::stoul(argv[i]));
         }
     }
 
@@ -219,8 +279,13 @@ int main(int argc, char** argv) {
     options.threads = emulatorThreads;
     options.maxRecordedRequests = 1000;
     options.clients.push_back({"bench-client", "bench-secret-0123456789", "acc-bench"});
+    options.tls = tls;
     qxpemu::Emulator emulator(options);
     emulator.start();
+    const std::string caFile = emulator.caCertificateFile();
+    if (tls) {
+        Varkel::Tolva::WebUtils::setTrustedCaFile(Varkel::Zu::widen(caFile));
+    }
 
     curl_global_init(CURL_GLOBAL_DEFAULT);
     const auto api = Varkel::Zu::MakeShared::create<QxPlatformApi>(
@@ -239,7 +304,7 @@ int main(int argc, char** argv) {
         }));
         std::vector<std::shared_ptr<CurlSender>> keep;
         results.push_back(measure("libcurl (keep-alive)", threads, requests, [&] {
-            auto sender = std::make_shared<CurlSender>(emulator.baseUrl(), token);
+            auto sender = std::make_shared<CurlSender>(emulator.baseUrl(), token, caFile);
             keep.push_back(sender);
             return std::function<void()>([sender] { sender->send(); });
         }));
@@ -249,7 +314,7 @@ int main(int argc, char** argv) {
     {
         std::vector<std::shared_ptr<CurlSender>> keep;
         results.push_back(measure("emulator ceiling (libcurl)", 32, requests * 2, [&] {
-            auto sender = std::make_shared<CurlSender>(emulator.baseUrl(), token);
+            auto sender = std::make_shared<CurlSender>(emulator.baseUrl(), token, caFile);
             keep.push_back(sender);
             return std::function<void()>([sender] { sender->send(); });
         }));
@@ -268,6 +333,7 @@ int main(int argc, char** argv) {
         std::printf("median ratio library/libcurl at %u threads: %.2f\n", results[i].threads,
                     results[i].medianUs / results[i + 1].medianUs);
     }
+    printFirstConnection(emulator.baseUrl(), caFile, 20);
     curl_global_cleanup();
     return 0;
 }
