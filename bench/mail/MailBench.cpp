@@ -58,6 +58,7 @@
 
 namespace {
 
+using TolvaBench::heapInUseKiB;
 using TolvaBench::residentKiB;
 using TolvaBench::threadCount;
 using TolvaTest::EmulatorProcess;
@@ -362,6 +363,7 @@ int main(int argc, char** argv) {
 
     // Many mailboxes polling at once, then teardown with their polls outstanding.
     const long rssBefore = residentKiB();
+    const long heapBefore = heapInUseKiB();
     const std::size_t threadsBefore = threadCount();
     const auto listener = std::make_shared<CountingListener>();
     std::vector<std::shared_ptr<Mailbox>> many;
@@ -375,10 +377,13 @@ int main(int argc, char** argv) {
     const double setUpSeconds = std::chrono::duration<double>(Clock::now() - setUpStart).count();
     std::this_thread::sleep_for(std::chrono::seconds(3));
     const long rssAfter = residentKiB();
+    const long heapAfter = heapInUseKiB();
     std::printf("| %d mailboxes: until every one has its poll parked | %.1f s |\n", manyMailboxes,
                 setUpSeconds);
     std::printf("| %d mailboxes polling: memory per mailbox (RSS growth) | %.1f KB |\n",
                 manyMailboxes, static_cast<double>(rssAfter - rssBefore) * 1.024 / manyMailboxes);
+    std::printf("| %d mailboxes polling: heap in use per mailbox (allocator) | %.1f KB |\n",
+                manyMailboxes, static_cast<double>(heapAfter - heapBefore) * 1.024 / manyMailboxes);
     std::printf("| threads of this process: before / with %d mailboxes polling | %zu / %zu |\n",
                 manyMailboxes, threadsBefore, threadCount());
     std::fflush(stdout);

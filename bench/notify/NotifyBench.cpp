@@ -78,10 +78,6 @@ Result measure(const std::string& client, unsigned threads, std::size_t requests
     std::vector<std::function<void()>> senders;
     for (unsigned i = 0; i < threads; ++i) {
         senders.push_back(makeSender());
-        // Warm-up: connection set-up and first-use costs stay out of the figures.
-        for (int w = 0; w < 20; ++w) {
-            senders.back()();
-        }
     }
     const std::size_t perThread = requests / threads;
     std::atomic<unsigned> ready{0};
@@ -91,6 +87,12 @@ Result measure(const std::string& client, unsigned threads, std::size_t requests
         workers.emplace_back([&, i] {
             auto& mine = latencies[i];
             mine.reserve(perThread);
+            // Warm-up, from every thread at once: a client that shares connections opens as
+            // many as the threads need here, so connection set-up (a TLS handshake included)
+            // and first-use costs stay out of the figures.
+            for (int w = 0; w < 20; ++w) {
+                senders[i]();
+            }
             ++ready;
             while (!go) {
                 std::this_thread::yield();
