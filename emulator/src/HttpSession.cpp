@@ -133,8 +133,8 @@ void HttpSession<Stream>::handleRequest() {
     exchangeMethod_ = request_.method;
     exchangeTarget_ = request_.target;
     exchangeStart_ = std::chrono::steady_clock::now();
-    core_.log.add(
-        RecordedRequest{request_.method, request_.target, request_.headers, request_.body});
+    core_.log.add(RecordedRequest{request_.method, request_.target, request_.headers, request_.body,
+                                  std::chrono::steady_clock::now()});
     if (auto fault = core_.faults.take(request_.method, request_.path)) {
         if (fault->delayMs > 0) {
             timer_.expires_after(std::chrono::milliseconds(fault->delayMs));

@@ -197,10 +197,11 @@ TEST(CommandLineTest, WithTlsItServesHttpsAndPrintsTheCaFile) {
 TEST(CommandLineTest, ACertificateFileThatCannotBeReadIsReported) {
     RunningBinary keyless({"--port", "0", "--tls", "--tls-cert", "/nonexistent/cert.pem",
                            "--tls-key", "/nonexistent/key.pem"});
-    const std::string output = keyless.readUntil("qxp-emulator: ", std::chrono::seconds(30));
-    EXPECT_NE(std::string::npos, output.find("qxp-emulator: cannot read the TLS certificate file "
-                                             "/nonexistent/cert.pem"))
-        << output;
+    // The whole line, not only its start: it may come in more than one read.
+    const std::string expected =
+        "qxp-emulator: cannot read the TLS certificate file /nonexistent/cert.pem\n";
+    const std::string output = keyless.readUntil(expected, std::chrono::seconds(30));
+    EXPECT_NE(std::string::npos, output.find(expected)) << output;
     EXPECT_EQ(1, keyless.stopWith(0));
 }
 

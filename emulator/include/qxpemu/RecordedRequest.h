@@ -1,6 +1,7 @@
 // One HTTP request as the emulator received it, kept for tests to inspect.
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,6 +17,8 @@ struct RecordedRequest {
     // Every header field in the order received, names as the client spelled them.
     std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
+    // When the emulator had read the whole request (before any fault rule's delay).
+    std::chrono::steady_clock::time_point received{};
 
     // Value of the first header field whose name equals `name` (ASCII case-insensitive);
     // empty when there is none. Never throws. Any thread.
