@@ -12,6 +12,7 @@
 #include <ZuCore/StringConversion.h>
 
 #include <atomic>
+#include <chrono>
 #include <ctime>
 #include <thread>
 #include <vector>
@@ -21,6 +22,7 @@ namespace {
 
 using Varkel::Tolva::JWTUtils;
 using Varkel::Tolva::VerificationResult;
+using Varkel::Zu::narrow;
 using Varkel::Zu::widen;
 using web::json::value;
 
@@ -75,8 +77,27 @@ TEST_F(JWTUtilsTest, ACorrectlySignedTokenVerifiesAndGivesItsClaims) {
 TEST_F(JWTUtilsTest, TwoDotsOnlyFailAtTheHeaderWithACappedLine) {
     const LogRecords records;
     value claims;
-    EXPECT_EQ(verify("..", claims), Varkel::Tolva::VerificationFailed);
-    EXPECT_EQ(lines(records).size(), 1u);
+    const auto first = std::chrono::steady_clock::now();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(verify("..", claims), Varkel::Tolva::VerificationFailed);
+    }
+    // One line a second at most: the two failures right after the first are not written.
+    const auto written = lines(records);
+    ASSERT_EQ(written.size(), 1u);
+    // Failing on until the next line is written: it comes no sooner than a second after
+    // the first and counts what was held back meanwhile.
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            verify("..", claims);
+            return lines(records).size() >= 2;
+        },
+        std::chrono::seconds(10)));
+    EXPECT_GE(std::chrono::steady_clock::now() - first, std::chrono::milliseconds(1000));
+    const auto both = lines(records);
+    ASSERT_EQ(both.size(), 2u);
+    EXPECT_EQ(both[1].rfind(written[0] + L" (", 0), 0u) << narrow(both[1]);
+    EXPECT_NE(both[1].find(L" similar messages suppressed)"), std::wstring::npos)
+        << narrow(both[1]);
 }
 
 TEST_F(JWTUtilsTest, OneDotOrThreeDotsAreInvalidWithoutALine) {
@@ -196,6 +217,11 @@ TEST_F(JWTUtilsTest, ATokenOneSecondPastItsExpHasExpiredAndKeepsItsClaims) {
 
 TEST_F(JWTUtilsTest, AFloatingPointExpIsTruncated) {
     value claims;
+    // now - 0.1: truncated it is a second in the past (expired); rounded it would be now.
+    EXPECT_EQ(
+        verify(signer().token(kHeader, R"({"exp":)" + std::to_string(kNow - 1) + ".9}"), claims),
+        Varkel::Tolva::TokenExpired);
+    // now + 0.9: truncated, now itself, still accepted.
     EXPECT_EQ(verify(signer().token(kHeader, R"({"exp":)" + std::to_string(kNow) + ".9}"), claims),
               Varkel::Tolva::Verified);
 }
@@ -275,7 +301,12 @@ TEST_F(JWTUtilsTest, TheResultValuesAreFixed) {
 
 TEST_F(JWTUtilsTest, ACopySharesTheVerifier) {
     const JWTUtils copy(*verifier_);
-    JWTUtils assigned = copy;
+    const auto other = Varkel::Zu::MakeShared::create<JWTUtils>();
+    JWTUtils assigned(*other);
+    assigned = copy;
+    EXPECT_EQ(copy.digestContext(), verifier_->digestContext());
+    EXPECT_EQ(assigned.digestContext(), verifier_->digestContext());
+    EXPECT_NE(other->digestContext(), verifier_->digestContext());
     value claims;
     EXPECT_EQ(assigned.verify(JwtTestSigner::keySet({signer().key("k1")}),
                               widen(signer().token(kHeader, payloadWithExp(kNow))), claims, kNow),

@@ -243,6 +243,22 @@ inline bool waitUntil(const std::function<bool()>& condition,
     return true;
 }
 
+// The what() text of the exception `call` throws, which must be an E: a test failure (and "")
+// when it returns normally or throws anything else.
+template <class E, class Call>
+std::string thrownText(Call&& call) {
+    try {
+        call();
+    } catch (const E& e) {
+        return e.what();
+    } catch (const std::exception& e) {
+        ADD_FAILURE() << "threw an exception of another type: " << e.what();
+        return {};
+    }
+    ADD_FAILURE() << "returned normally";
+    return {};
+}
+
 // A URL on which nothing listens: requests to it fail at once with "connection refused".
 inline std::wstring unreachableUrl() {
     return L"http://127.0.0.1:9";

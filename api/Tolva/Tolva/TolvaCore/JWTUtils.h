@@ -83,6 +83,10 @@ class TOLVA_EXPORT JWTUtils {
     VerificationResult findKey(const std::string& kid, const web::json::value& jwks,
                                web::json::value& key);
 
+    /// The digest context this object shares with its copies and the objects assigned from
+    /// it: two objects share it when this gives the same pointer. Never null. Any thread.
+    const EVP_MD_CTX* digestContext() const noexcept { return digestContext_.get(); }
+
   private:
     static std::shared_ptr<Varkel::Zu::Logger> _logger;
 
