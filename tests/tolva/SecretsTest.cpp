@@ -10,10 +10,13 @@
 #include <TolvaCore/JWTUtils.h>
 #include <TolvaCore/QxPlatformNotifier.h>
 
+#include <ZuCore/Base64.h>
 #include <ZuCore/Logger.h>
 
 #include <TestSupport.h>
 
+#include <algorithm>
+#include <cctype>
 #include <iostream>
 #include <set>
 
@@ -61,6 +64,45 @@ void collectSecrets(const qxpemu::RecordedRequest& request, std::set<std::string
     }
 }
 
+// Percent-encoding of every byte outside the unreserved characters, as a URL would carry it.
+std::string percentEncoded(const std::string& text) {
+    static const char* const hex = "0123456789ABCDEF";
+    std::string encoded;
+    for (const unsigned char c : text) {
+        if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {
+            encoded += static_cast<char>(c);
+        } else {
+            encoded += '%';
+            encoded += hex[c >> 4];
+            encoded += hex[c & 15];
+        }
+    }
+    return encoded;
+}
+
+// What of a secret must not appear either: the secret, its percent-encoded form, each
+// segment of a JWT, and the client secret inside a Basic API key (base64 of "id:secret").
+std::set<std::string> secretForms(const std::string& secret) {
+    std::set<std::string> forms = {secret, percentEncoded(secret)};
+    if (std::count(secret.begin(), secret.end(), '.') == 2) {
+        const auto first = secret.find('.');
+        const auto second = secret.find('.', first + 1);
+        forms.insert(secret.substr(0, first));
+        forms.insert(secret.substr(first + 1, second - first - 1));
+        forms.insert(secret.substr(second + 1));
+    }
+    try {
+        const std::string decoded = Varkel::Zu::Base64::decode(secret)->toString();
+        const auto colon = decoded.find(':');
+        if (colon != std::string::npos && colon + 1 < decoded.size()) {
+            forms.insert(decoded.substr(colon + 1));
+        }
+    } catch (const std::exception&) {
+        // Not base64: no client secret inside.
+    }
+    return forms;
+}
+
 class SecretsTest : public MailTest {};
 
 TEST_F(SecretsTest, NoSecretReachesALogRecordTheDebugLogOrStandardOutput) {
@@ -78,31 +120,43 @@ TEST_F(SecretsTest, NoSecretReachesALogRecordTheDebugLogOrStandardOutput) {
             }
         }
     } showOnFailure{out};
-    std::set<std::string> secrets;
+    // Secrets the library objects hold; the check below also reads them all back from what
+    // the platform received.
+    std::set<std::string> known;
+    std::string neverSent;
     {
         auto api = makeApi();
         api->postNotification(L"secrets/topic", L"hello", 60);
 
-        // A service, kept alive by one heartbeat pass, whose first beat the platform refuses.
-        emulator_.addFault(
-            statusRule("PUT", "/discovery/api/v1/service/.*/health", 403, "heartbeat refused"));
+        // A service kept alive by heartbeat passes: the first beat's connection is dropped (a
+        // transport failure on a path that carries the service secret), the next is refused.
+        emulator_.addFault(dropRule("PUT", "/discovery/api/v1/service/.*/health"));
         auto service = completeServiceInfo();
         api->registerService(service);
-        secrets.insert(narrow(service->serviceSecret));
-        ASSERT_EQ(waitForMatching(
-                      [](const qxpemu::RecordedRequest& r) {
-                          return r.method == "PUT" && r.target.find("/health") != std::string::npos;
-                      },
-                      1, std::chrono::seconds(15))
-                      .size(),
-                  1u);
+        known.insert(narrow(service->serviceSecret));
+        const auto isBeat = [](const qxpemu::RecordedRequest& r) {
+            return r.method == "PUT" && r.target.find("/health") != std::string::npos;
+        };
+        ASSERT_GE(waitForMatching(isBeat, 1, std::chrono::seconds(15)).size(), 1u);
+        ASSERT_TRUE(waitUntil([&] {
+            const auto failed = records.messages("TolvaCore.QxPlatformApi");
+            return std::any_of(failed.begin(), failed.end(), [](const std::wstring& m) {
+                return m.rfind(L"Heartbeat failed", 0) == 0;
+            });
+        }));
+        const std::size_t beatsSoFar = waitForMatching(isBeat, 1, std::chrono::seconds(0)).size();
+        emulator_.clearFaults();
+        emulator_.addFault(
+            statusRule("PUT", "/discovery/api/v1/service/.*/health", 403, "heartbeat refused"));
+        ASSERT_GE(waitForMatching(isBeat, beatsSoFar + 1, std::chrono::seconds(15)).size(),
+                  beatsSoFar + 1);
 
         // A mailbox with mail, subscriptions changed.
         auto listener = std::make_shared<RecordingListener>();
         auto mailbox = Varkel::Zu::MakeShared::create<Mailbox>();
         mailbox->addListener(listener);
         api->createMailbox(mailbox, L"secrets/topic");
-        secrets.insert(narrow(mailbox->getSecret()));
+        known.insert(narrow(mailbox->getSecret()));
         api->subscribeTopic(mailbox, L"secrets/other");
         api->postNotification(L"secrets/other", L"mail", 0);
         ASSERT_EQ(listener->waitFor(1).size(), 1u);
@@ -113,7 +167,7 @@ TEST_F(SecretsTest, NoSecretReachesALogRecordTheDebugLogOrStandardOutput) {
         auto requests = Varkel::Zu::MakeShared::create<Mailbox>();
         requests->addListener(std::make_shared<Responder>(responderApi));
         responderApi->createMailbox(requests, L"secrets/requests");
-        secrets.insert(narrow(requests->getSecret()));
+        known.insert(narrow(requests->getSecret()));
         EXPECT_EQ(api->postNotificationAndWaitForReply(
                       L"secrets/requests", L"ping", L"secrets/replies",
                       std::chrono::steady_clock::now() + std::chrono::seconds(10)),
@@ -173,7 +227,8 @@ TEST_F(SecretsTest, NoSecretReachesALogRecordTheDebugLogOrStandardOutput) {
         auto dropped = Varkel::Zu::MakeShared::create<Mailbox>();
         emulator_.addFault(statusRule("GET", pollPath(*dropped), 404, "no such mailbox"));
         api->createMailbox(dropped, L"secrets/dropped");
-        secrets.insert(narrow(dropped->getSecret()));
+        neverSent = narrow(dropped->getSecret());
+        known.insert(neverSent);
         ASSERT_EQ(waitForMatching(
                       [&](const qxpemu::RecordedRequest& r) {
                           return r.method == "GET" && r.target == pollTarget(*dropped);
@@ -187,6 +242,14 @@ TEST_F(SecretsTest, NoSecretReachesALogRecordTheDebugLogOrStandardOutput) {
         EXPECT_EQ(thrownText<web::http::http_exception>([&] { api->deleteMailbox(mailbox); }),
                   "deletion refused");
         responderApi->deleteMailbox(requests);
+        // A deletion whose connection is dropped: a transport failure whose text could carry
+        // the path, and with it the mailbox secret.
+        auto severed = Varkel::Zu::MakeShared::create<Mailbox>();
+        api->createMailbox(severed, L"secrets/severed");
+        known.insert(narrow(severed->getSecret()));
+        emulator_.addFault(dropRule("DELETE", std::string(kMailboxPath) + "/.*"));
+        EXPECT_THROW(api->deleteMailbox(severed), web::http::http_exception);
+        emulator_.clearFaults();
 
         emulator_.addFault(statusRule("POST", kTokenPath, 401, "unauthorized client"));
         api->clearToken();
@@ -198,12 +261,29 @@ TEST_F(SecretsTest, NoSecretReachesALogRecordTheDebugLogOrStandardOutput) {
     }
     Varkel::Zu::Logger::reloadConfiguration();
 
+    std::set<std::string> fromTraffic;
     for (const auto& request : emulator_.requests()) {
-        collectSecrets(request, secrets);
+        collectSecrets(request, fromTraffic);
     }
-    // The API key, at least three tokens (one per object, one renewal), three mailbox
-    // secrets and a service secret, each read back from the platform's side.
-    ASSERT_GE(secrets.size(), 7u);
+    // The API key, at least three tokens (one per object, one renewal), the three mailbox
+    // secrets of deletions and the service secret, each read back from the platform's side.
+    ASSERT_GE(fromTraffic.size(), 8u);
+    // Every secret the library sent was captured (the dropped mailbox's was never sent).
+    for (const auto& secret : known) {
+        if (secret != neverSent) {
+            EXPECT_EQ(fromTraffic.count(secret), 1u)
+                << "not read back from the traffic: " << secret;
+        }
+    }
+    std::set<std::string> secrets;
+    for (const auto& secret : fromTraffic) {
+        const auto forms = secretForms(secret);
+        secrets.insert(forms.begin(), forms.end());
+    }
+    for (const auto& secret : known) {
+        secrets.insert(secret);
+        secrets.insert(percentEncoded(secret));
+    }
     const std::string stdoutText = out.text();
     const std::string debugLog = log.text();
     const auto allRecords = records.records();
