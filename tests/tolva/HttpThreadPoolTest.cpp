@@ -23,6 +23,22 @@ using TolvaTest::threadsNamed;
 using Varkel::Tolva::WebUtils::setHttpThreadPoolSize;
 using Clock = std::chrono::steady_clock;
 
+// Threads that carry the process's own name. The HTTP library's pool threads have no name of
+// their own; the library's threads all have one.
+std::size_t unnamedThreads() {
+    std::ifstream comm("/proc/self/comm");
+    std::string name;
+    std::getline(comm, name);
+    return threadsNamed(name);
+}
+
+// The pool threads that settling the pool makes now (the fixture's emulator runs already).
+std::size_t poolThreadsMadeBySettling() {
+    const std::size_t before = unnamedThreads();
+    Varkel::Tolva::WebUtils::settleHttpThreadPool();
+    return unnamedThreads() - before;
+}
+
 bool hasRecord(const LogRecords& records, const std::string& level, const std::wstring& text) {
     for (const auto& record : records.records()) {
         if (record.logger == "TolvaCore.WebUtil" && record.level == level &&
@@ -177,18 +193,30 @@ TEST_F(HttpThreadPoolTest, TheHeartbeatRunsOnAThreadOfItsOwn) {
     EXPECT_NO_THROW(api->postNotification(L"t", L"c", 0));
 }
 
+TEST_F(HttpThreadPoolTest, TheDefaultSizeIsApplied) {
+    EXPECT_EQ(poolThreadsMadeBySettling(), Varkel::Tolva::WebUtils::kDefaultHttpThreads);
+    const auto api = makeApi();
+    EXPECT_FALSE(api->getCurrentAccessToken().empty());
+}
+
 TEST_F(HttpThreadPoolTest, ASizeSetAfterTheFirstClientIsNotAppliedAndSaysSo) {
     const auto api = makeApi();
     const LogRecords records;
+    const std::size_t threads = unnamedThreads();
     EXPECT_FALSE(setHttpThreadPoolSize(3));
+    EXPECT_EQ(poolThreadsMadeBySettling(), 0u);
+    EXPECT_EQ(unnamedThreads(), threads);
     EXPECT_TRUE(hasRecord(records, "warn",
                           L"The HTTP thread pool is already running; 3 threads cannot be applied "
                           L"any more."));
 }
 
 TEST_F(HttpThreadPoolTest, APoolTheHostMadeIsKeptAndTheLibrarySaysSo) {
+    const std::size_t before = unnamedThreads();
     crossplat::threadpool::initialize_with_threads(3);
+    EXPECT_EQ(unnamedThreads() - before, 3u);
     const LogRecords records;
+    EXPECT_EQ(poolThreadsMadeBySettling(), 0u);
     const auto api = makeApi();
     EXPECT_TRUE(hasRecord(records, "warn",
                           L"The HTTP thread pool was already running; its size is kept and " +
@@ -201,7 +229,7 @@ TEST_F(HttpThreadPoolTest, TheEnvironmentVariableSetsTheSize) {
     const ScopedEnv threads("TOLVA_HTTP_THREADS", std::string("3"));
     Varkel::Zu::Logger::configureLevels("TolvaCore.WebUtil=debug");
     const LogRecords records;
-    const auto api = makeApi();
+    EXPECT_EQ(poolThreadsMadeBySettling(), 3u);
     Varkel::Zu::Logger::reloadConfiguration();
     EXPECT_TRUE(hasRecord(records, "debug", L"HTTP thread pool: 3 threads."));
 }
@@ -210,7 +238,7 @@ TEST_F(HttpThreadPoolTest, ABadEnvironmentValueFallsBackToTheDefault) {
     const ScopedEnv threads("TOLVA_HTTP_THREADS", std::string("many"));
     Varkel::Zu::Logger::configureLevels("TolvaCore.WebUtil=debug");
     const LogRecords records;
-    const auto api = makeApi();
+    EXPECT_EQ(poolThreadsMadeBySettling(), Varkel::Tolva::WebUtils::kDefaultHttpThreads);
     Varkel::Zu::Logger::reloadConfiguration();
     EXPECT_TRUE(hasRecord(records, "warn",
                           L"TOLVA_HTTP_THREADS is not a number from 1 to 256; the HTTP thread "
@@ -223,12 +251,12 @@ TEST_F(HttpThreadPoolTest, ABadEnvironmentValueFallsBackToTheDefault) {
 
 TEST_F(HttpThreadPoolTest, TheHostsCallWinsOverTheEnvironment) {
     const ScopedEnv threads("TOLVA_HTTP_THREADS", std::string("3"));
-    ASSERT_TRUE(setHttpThreadPoolSize(2));
+    ASSERT_TRUE(setHttpThreadPoolSize(5));
     Varkel::Zu::Logger::configureLevels("TolvaCore.WebUtil=debug");
     const LogRecords records;
-    const auto api = makeApi();
+    EXPECT_EQ(poolThreadsMadeBySettling(), 5u);
     Varkel::Zu::Logger::reloadConfiguration();
-    EXPECT_TRUE(hasRecord(records, "debug", L"HTTP thread pool: 2 threads."));
+    EXPECT_TRUE(hasRecord(records, "debug", L"HTTP thread pool: 5 threads."));
 }
 
 TEST_F(HttpThreadPoolTest, ZeroThreadsIsRefused) {
