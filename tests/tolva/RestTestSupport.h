@@ -224,6 +224,17 @@ class RestTest : public ::testing::Test {
         return requestsTo("POST", "/identity/connect/token").size();
     }
 
+    // Token requests that arrived after `from` and before `to`: a heartbeat pass renews a
+    // due token every 5 s on its own, so a count over a window tells the calls' renewals apart.
+    std::size_t tokenRequestsBetween(std::chrono::steady_clock::time_point from,
+                                     std::chrono::steady_clock::time_point to) const {
+        std::size_t count = 0;
+        for (const auto& request : requestsTo("POST", "/identity/connect/token")) {
+            count += request.received > from && request.received < to ? 1 : 0;
+        }
+        return count;
+    }
+
     ScopedEnv noProxy_;
     qxpemu::Emulator emulator_;
 };

@@ -81,8 +81,8 @@ TEST_F(ServiceRegistrationTest, SendsTheRecordWithItsHeadersAndFillsTheSecret) {
               "Bearer " + narrow(api_->getCurrentTokenCopy().accessToken));
     EXPECT_EQ(posts[0].header("Accept"), "");
     EXPECT_FALSE(info->serviceSecret.empty());
-    // Registration does not renew the token first.
-    EXPECT_EQ(tokenRequestCount(), 0u);
+    // Registration does not renew the token first: no token request came before it.
+    EXPECT_EQ(tokenRequestsBetween({}, posts[0].received), 0u);
 }
 
 TEST_F(ServiceRegistrationTest, TheServiceIsKeptUnderTheReturnedIdWithTheReturnedSecret) {
@@ -181,7 +181,7 @@ TEST_F(ServiceRegistrationTest, RegistrationUsesTheTokenAsItStands) {
     ASSERT_EQ(posts.size(), 1u);
     // "Bearer " followed by the empty token; the server side trims the trailing blank.
     EXPECT_EQ(posts[0].header("Authorization"), "Bearer");
-    EXPECT_EQ(tokenRequestCount(), 0u);
+    EXPECT_EQ(tokenRequestsBetween({}, posts[0].received), 0u);
 }
 
 TEST_F(ServiceRegistrationTest, RegistrationIsLoggedAtDebugLevel) {
