@@ -48,6 +48,14 @@ void collectSecrets(const qxpemu::RecordedRequest& request, std::set<std::string
             secrets.insert(authorization.substr(scheme.size()));
         }
     }
+    // The API key is base64 of "<client id>:<client secret>": the client secret on its own.
+    if (authorization.rfind("Basic ", 0) == 0) {
+        const std::string decoded = Varkel::Zu::Base64::decode(authorization.substr(6))->toString();
+        const auto colon = decoded.find(':');
+        if (colon != std::string::npos) {
+            secrets.insert(decoded.substr(colon + 1));
+        }
+    }
     const std::string mailbox = std::string(kMailboxPath) + "/";
     const std::string service = "/discovery/api/v1/service/";
     const std::string path = request.target.substr(0, request.target.find('?'));
@@ -80,8 +88,8 @@ std::string percentEncoded(const std::string& text) {
     return encoded;
 }
 
-// What of a secret must not appear either: the secret, its percent-encoded form, each
-// segment of a JWT, and the client secret inside a Basic API key (base64 of "id:secret").
+// What of a secret must not appear either: the secret, its percent-encoded form and each
+// segment of a JWT.
 std::set<std::string> secretForms(const std::string& secret) {
     std::set<std::string> forms = {secret, percentEncoded(secret)};
     if (std::count(secret.begin(), secret.end(), '.') == 2) {
@@ -90,15 +98,6 @@ std::set<std::string> secretForms(const std::string& secret) {
         forms.insert(secret.substr(0, first));
         forms.insert(secret.substr(first + 1, second - first - 1));
         forms.insert(secret.substr(second + 1));
-    }
-    try {
-        const std::string decoded = Varkel::Zu::Base64::decode(secret)->toString();
-        const auto colon = decoded.find(':');
-        if (colon != std::string::npos && colon + 1 < decoded.size()) {
-            forms.insert(decoded.substr(colon + 1));
-        }
-    } catch (const std::exception&) {
-        // Not base64: no client secret inside.
     }
     return forms;
 }
