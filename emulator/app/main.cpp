@@ -36,6 +36,9 @@ void printUsage(std::ostream& out) {
            "  --tls-name NAME          with --tls: a host name or address the generated\n"
            "                           certificate names; repeat for more (default:\n"
            "                           localhost, 127.0.0.1 and ::1)\n"
+           "  --state FILE             keep mailboxes and services in FILE across restarts:\n"
+           "                           read at start, written every 500 ms and at stop\n"
+           "  --state-interval-ms N    how often the state file is written (default 500)\n"
            "  --help                   this text\n";
 }
 
@@ -72,7 +75,8 @@ qxpemu::EmulatorOptions parseArguments(int argc, char** argv) {
                         option == "--max-poll" || option == "--client" || option == "--threads" ||
                         option == "--key" || option == "--heartbeat-interval-ms" ||
                         option == "--tls-cert" || option == "--tls-key" || option == "--ca-out" ||
-                        option == "--tls-name"
+                        option == "--tls-name" || option == "--state" ||
+                        option == "--state-interval-ms"
                     ? option + " needs a value"
                     : "unknown option " + option);
         }
@@ -101,6 +105,10 @@ qxpemu::EmulatorOptions parseArguments(int argc, char** argv) {
                 namesGiven = true;
             }
             options.tlsNames.push_back(value);
+        } else if (option == "--state") {
+            options.stateFile = value;
+        } else if (option == "--state-interval-ms") {
+            options.stateSaveIntervalMs = toInt(option, value, 1, 3600000);
         } else if (option == "--ca-out") {
             options.caCertFile = value;
         } else if (option == "--client") {

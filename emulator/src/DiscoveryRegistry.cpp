@@ -1,5 +1,7 @@
 #include "DiscoveryRegistry.h"
 
+#include <stdexcept>
+
 #include "Text.h"
 
 namespace qxpemu {
@@ -124,6 +126,40 @@ nlohmann::json DiscoveryRegistry::list() const {
 void DiscoveryRegistry::clear() {
     std::lock_guard<std::mutex> lock(mutex_);
     services_.clear();
+}
+
+nlohmann::json DiscoveryRegistry::snapshot() const {
+    const auto now = Clock::now();
+    std::lock_guard<std::mutex> lock(mutex_);
+    nlohmann::json out = nlohmann::json::array();
+    for (const auto& entry : services_) {
+        out.push_back({{"record", entry.second.record},
+                       {"secret", entry.second.secret},
+                       {"heartbeats", entry.second.beats},
+                       {"lastHeartbeatAgeMs", std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                  now - entry.second.lastBeat)
+                                                  .count()}});
+    }
+    return out;
+}
+
+void DiscoveryRegistry::restore(const nlohmann::json& snapshot) {
+    const auto now = Clock::now();
+    Services services;
+    for (const auto& saved : snapshot) {
+        Service service;
+        service.record = saved.at("record");
+        if (!validate(service.record).empty()) {
+            throw std::invalid_argument("a saved service record is malformed");
+        }
+        service.secret = saved.at("secret").get<std::string>();
+        service.beats = saved.at("heartbeats").get<unsigned long long>();
+        service.lastBeat =
+            now - std::chrono::milliseconds(saved.at("lastHeartbeatAgeMs").get<long long>());
+        services[service.record.at("serviceId").get<std::string>()] = std::move(service);
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    services_ = std::move(services);
 }
 
 }  // namespace qxpemu

@@ -31,6 +31,12 @@ class DiscoveryRegistry {
     nlohmann::json list() const;
     void clear();
 
+    // Every service's record, secret, heartbeat count and heartbeat age, for a state file.
+    nlohmann::json snapshot() const;
+    // Replaces every service with those of a snapshot, heartbeat ages as saved. Throws
+    // nlohmann::json::exception for a malformed snapshot (nothing is changed then).
+    void restore(const nlohmann::json& snapshot);
+
   private:
     struct Service {
         nlohmann::json record;

@@ -1,11 +1,14 @@
 #include <qxpemu/Emulator.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <sstream>
 #include <stdexcept>
+#include <thread>
 
 #include <unistd.h>
 
@@ -21,6 +24,9 @@ class Emulator::Impl {
   public:
     explicit Impl(EmulatorOptions options) : core(std::move(options)) {
         const EmulatorOptions& made = core.options;
+        if (!made.stateFile.empty()) {
+            loadStateFile();
+        }
         if (!made.tls) {
             return;
         }
@@ -67,6 +73,84 @@ class Emulator::Impl {
         }
     }
 
+    void loadStateFile() {
+        const std::string& path = core.options.stateFile;
+        std::error_code error;
+        if (!std::filesystem::exists(path, error)) {
+            return;  // the first start: the file is written from now on
+        }
+        std::ifstream in(path, std::ios::binary);
+        std::stringstream text;
+        text << in.rdbuf();
+        try {
+            core.restore(nlohmann::json::parse(text.str()));
+        } catch (const std::exception& failure) {
+            throw std::runtime_error("cannot read the state file " + path + ": " + failure.what());
+        }
+    }
+
+    // Written to a file beside it and renamed over it, so that a process killed while it
+    // writes leaves the previous complete state behind.
+    void saveStateFile() {
+        std::lock_guard<std::mutex> lock(saving);
+        const std::string& path = core.options.stateFile;
+        const std::string partial = path + ".partial";
+        {
+            std::ofstream out(partial, std::ios::binary | std::ios::trunc);
+            if (!(out << toJsonText(core.snapshot())) || !out.flush()) {
+                throw std::runtime_error("cannot write the state file " + partial);
+            }
+        }
+        std::error_code error;
+        std::filesystem::rename(partial, path, error);
+        if (error) {
+            throw std::runtime_error("cannot replace the state file " + path + ": " +
+                                     error.message());
+        }
+    }
+
+    void startSaver() {
+        if (core.options.stateFile.empty()) {
+            return;
+        }
+        {
+            std::lock_guard<std::mutex> lock(saverMutex);
+            saverStopping = false;
+        }
+        const auto interval = std::chrono::milliseconds(
+            core.options.stateSaveIntervalMs > 0 ? core.options.stateSaveIntervalMs : 500);
+        saver = std::thread([this, interval] {
+            std::unique_lock<std::mutex> lock(saverMutex);
+            while (!saverWakeUp.wait_for(lock, interval, [this] { return saverStopping; })) {
+                lock.unlock();
+                try {
+                    saveStateFile();
+                } catch (const std::exception& failure) {
+                    std::fprintf(stderr, "qxp-emulator: %s\n", failure.what());
+                }
+                lock.lock();
+            }
+        });
+    }
+
+    // Ends the periodic saves and saves once more, so that a clean stop keeps everything.
+    void stopSaver() {
+        if (!saver.joinable()) {
+            return;
+        }
+        {
+            std::lock_guard<std::mutex> lock(saverMutex);
+            saverStopping = true;
+        }
+        saverWakeUp.notify_all();
+        saver.join();
+        try {
+            saveStateFile();
+        } catch (const std::exception& failure) {
+            std::fprintf(stderr, "qxp-emulator: %s\n", failure.what());
+        }
+    }
+
     std::string scheme() const { return core.options.tls ? "https://" : "http://"; }
 
     std::string hostForUrl() const {
@@ -92,6 +176,12 @@ class Emulator::Impl {
     bool removeCaFile = false;
     std::unique_ptr<HttpServer> server;
     unsigned short boundPort = 0;
+    // With a state file: the thread that saves it while the server runs.
+    std::mutex saving;
+    std::mutex saverMutex;
+    std::condition_variable saverWakeUp;
+    bool saverStopping = false;
+    std::thread saver;
 };
 
 Emulator::Emulator(EmulatorOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}
@@ -111,6 +201,7 @@ void Emulator::start() {
     server->start(impl_->core.options.bindAddress, port, impl_->core.options.threads);
     impl_->boundPort = server->port();
     impl_->server = std::move(server);
+    impl_->startSaver();
     impl_->core.identity.setIssuer(impl_->scheme() + impl_->hostForUrl() + ":" +
                                    std::to_string(impl_->boundPort) + "/identity");
 }
@@ -121,6 +212,14 @@ void Emulator::stop() {
         impl_->server->stop();
         impl_->server.reset();
     }
+    impl_->stopSaver();
+}
+
+void Emulator::saveState() {
+    if (impl_->core.options.stateFile.empty()) {
+        throw std::logic_error("the emulator has no state file");
+    }
+    impl_->saveStateFile();
 }
 
 unsigned short Emulator::port() const {

@@ -1,5 +1,7 @@
 #include "EmulatorCore.h"
 
+#include <stdexcept>
+
 namespace qxpemu {
 namespace {
 
@@ -62,6 +64,26 @@ void EmulatorCore::reset() {
     faults.clear();
     identity.setLifetime(options.tokenLifetimeSeconds);
     keys.dropRetired();
+}
+
+nlohmann::json EmulatorCore::snapshot() const {
+    return {{"format", "qxp-emulator-state/1"},
+            {"mailboxes", hub.snapshot()},
+            {"services", discovery.snapshot()}};
+}
+
+void EmulatorCore::restore(const nlohmann::json& snapshot) {
+    if (snapshot.at("format").get<std::string>() != "qxp-emulator-state/1") {
+        throw std::invalid_argument("not a qxp-emulator state file");
+    }
+    // Both parts are checked before either is replaced, so a bad file changes nothing.
+    NotificationHub checkedHub(options.maxQueuedPerMailbox);
+    checkedHub.restore(snapshot.at("mailboxes"));
+    DiscoveryRegistry checkedDiscovery(options.heartbeatIntervalMs,
+                                       options.missedHeartbeatsForCritical);
+    checkedDiscovery.restore(snapshot.at("services"));
+    hub.restore(snapshot.at("mailboxes"));
+    discovery.restore(snapshot.at("services"));
 }
 
 }  // namespace qxpemu

@@ -23,6 +23,12 @@ struct EmulatorCore {
     nlohmann::json state() const;
     // Fresh state (see Emulator::reset).
     void reset();
+    // The mailboxes and services as a state file holds them (see EmulatorOptions::stateFile).
+    nlohmann::json snapshot() const;
+    // Replaces mailboxes and services with those of a snapshot; throws std::exception
+    // (nlohmann::json::exception, std::invalid_argument) when it is malformed, and then
+    // changes nothing.
+    void restore(const nlohmann::json& snapshot);
 
     const EmulatorOptions options;
     KeyStore keys;

@@ -322,4 +322,82 @@ std::size_t NotificationHub::mailboxCount() const {
     return mailboxes_.size();
 }
 
+nlohmann::json NotificationHub::snapshot() const {
+    const auto now = Clock::now();
+    std::lock_guard<std::mutex> lock(mutex_);
+    nlohmann::json list = nlohmann::json::array();
+    for (const auto& entry : mailboxes_) {
+        const Mailbox& mailbox = entry.second;
+        if (idledOut(mailbox, now)) {
+            continue;
+        }
+        nlohmann::json queue = nlohmann::json::array();
+        for (const auto& note : mailbox.queue) {
+            if (note->expires && note->expiresAt <= now) {
+                continue;
+            }
+            nlohmann::json saved = {{"json", note->json}};
+            if (note->expires) {
+                saved["expiresInMs"] =
+                    std::chrono::duration_cast<std::chrono::milliseconds>(note->expiresAt - now)
+                        .count();
+            }
+            queue.push_back(std::move(saved));
+        }
+        list.push_back({{"id", entry.first},
+                        {"secret", mailbox.secret},
+                        {"subscriptions", mailbox.topics},
+                        {"mailboxTTL", mailbox.ttlSeconds},
+                        {"durable", mailbox.durable},
+                        {"queue", std::move(queue)}});
+    }
+    return list;
+}
+
+void NotificationHub::restore(const nlohmann::json& snapshot) {
+    const auto now = Clock::now();
+    // Built aside first: a malformed snapshot throws before anything is replaced.
+    std::unordered_map<std::string, Mailbox> mailboxes;
+    std::unordered_map<std::string, std::set<std::string>> subscribers;
+    std::unordered_map<std::string, std::string> idsBySecret;
+    for (const auto& saved : snapshot) {
+        const std::string id = saved.at("id").get<std::string>();
+        Mailbox mailbox;
+        mailbox.secret = saved.at("secret").get<std::string>();
+        mailbox.ttlSeconds = saved.at("mailboxTTL").get<long long>();
+        mailbox.durable = saved.at("durable").get<bool>();
+        mailbox.lastActivity = now;
+        for (const auto& topic : saved.at("subscriptions")) {
+            mailbox.topics.insert(topic.get<std::string>());
+            subscribers[topic.get<std::string>()].insert(id);
+        }
+        for (const auto& savedNote : saved.at("queue")) {
+            auto note = std::make_shared<Notification>();
+            note->json = savedNote.at("json").get<std::string>();
+            const auto expiresIn = savedNote.find("expiresInMs");
+            if (expiresIn != savedNote.end()) {
+                note->expires = true;
+                note->expiresAt = now + std::chrono::milliseconds(expiresIn->get<long long>());
+            }
+            mailbox.queue.push_back(std::move(note));
+        }
+        idsBySecret[mailbox.secret] = id;
+        mailboxes[id] = std::move(mailbox);
+    }
+    std::vector<Completion> completions;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (auto& entry : mailboxes_) {
+            if (entry.second.waiter) {
+                completions.emplace_back(std::move(entry.second.waiter),
+                                         HttpReply::text(404, "mailbox deleted"));
+            }
+        }
+        mailboxes_ = std::move(mailboxes);
+        subscribers_ = std::move(subscribers);
+        idsBySecret_ = std::move(idsBySecret);
+    }
+    completeAll(completions);
+}
+
 }  // namespace qxpemu

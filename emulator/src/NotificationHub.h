@@ -68,6 +68,14 @@ class NotificationHub {
     nlohmann::json describe() const;
     std::size_t mailboxCount() const;
 
+    // Everything a restarted emulator needs to go on serving the mailboxes: ids, secrets,
+    // subscriptions, ttl, durability and queued mail with its remaining lifetime. Parked polls
+    // are not part of it.
+    nlohmann::json snapshot() const;
+    // Replaces every mailbox with those of a snapshot; idle times start again from now.
+    // Throws nlohmann::json::exception for a malformed snapshot (nothing is changed then).
+    void restore(const nlohmann::json& snapshot);
+
   private:
     struct Mailbox {
         std::string secret;

@@ -31,8 +31,9 @@ class Emulator {
   public:
     // Prepares an emulator: makes the signing key (generated, or loaded from
     // options.signingKeyPemFile) and the default client when none is given, and with
-    // options.tls its TLS certificate (generated with its CA, or loaded). Does not listen
-    // yet. Throws std::runtime_error when a key or certificate cannot be made or loaded, or
+    // options.tls its TLS certificate (generated with its CA, or loaded), and reads
+    // options.stateFile when that file exists. Does not listen yet. Throws
+    // std::runtime_error when a key, certificate or state file cannot be made or loaded, or
     // the CA certificate cannot be written.
     explicit Emulator(EmulatorOptions options = {});
 
@@ -48,8 +49,15 @@ class Emulator {
 
     // Closes the listener and every connection, answers nothing more, and joins the I/O
     // threads. Pending long polls are cut off without an answer. Platform state (mailboxes,
-    // services, records) is kept, so start() may be called again. Idempotent; never throws.
+    // services, records) is kept, so start() may be called again; with a state file it is
+    // also saved (a failure to write it is printed on standard error). Idempotent; never
+    // throws.
     void stop();
+
+    // Writes the state file now (see EmulatorOptions::stateFile); the server need not run.
+    // Throws std::logic_error without a state file, std::runtime_error when it cannot be
+    // written.
+    void saveState();
 
     // The bound port (the chosen one when options.port was 0); 0 before the first start().
     unsigned short port() const;

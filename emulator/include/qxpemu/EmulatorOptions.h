@@ -58,6 +58,17 @@ struct EmulatorOptions {
     std::string caCertFile;
     // The names the generated certificate is valid for: host names, IPv4 and IPv6 addresses.
     std::vector<std::string> tlsNames = {"localhost", "127.0.0.1", "::1"};
+
+    // --- State file ---
+    // A JSON file that keeps the platform state (mailboxes with their secrets, subscriptions
+    // and queued mail; services with their records and secrets) across restarts of the
+    // process: read when the emulator is constructed (when the file exists), written every
+    // stateSaveIntervalMs while the server runs and once more by stop(). "" keeps the state
+    // in memory only. Tokens, keys (see signingKeyPemFile), fault rules and the request
+    // record are not part of it. A process killed without warning loses what changed since
+    // the last save.
+    std::string stateFile;
+    int stateSaveIntervalMs = 500;
 };
 
 }  // namespace qxpemu
