@@ -1,5 +1,7 @@
 #include <TolvaCore/Mailbox.h>
 
+#include "private/StatisticsRecorder.h"
+
 #include <ZuCore/InvalidArgumentException.h>
 #include <ZuCore/LogMacros.h>
 #include <ZuCore/ThrowException.h>
@@ -100,6 +102,8 @@ void Mailbox::receiveMail(const std::wstring& topic, const std::wstring& content
         try {
             listener->onMailReceived(topic, content);
         } catch (...) {
+            // Counted for the delivery job that called this (see StatisticsRecorder).
+            ++listenerExceptionsOnThisThread();
             ZU_LOG_CAPPED(_logger, Varkel::Zu::Logger::getErrorLevel(), kListenerFailureCapMs,
                           L"Unknown exception caught while receiving mail.");
         }

@@ -4,6 +4,8 @@
 
 #include "private/ApiDefaults.h"
 #include "private/DeliveryThreads.h"
+#include "private/StatisticsRecorder.h"
+#include "private/StatisticsReporter.h"
 
 #include <ZuCore/Constants.h>
 #include <ZuCore/DebugLog.h>
@@ -47,19 +49,32 @@ std::pair<std::wstring, std::wstring> readConfiguration(const std::wstring& conf
 QxPlatformApi::QxPlatformApi(Varkel::Zu::MakeShared::PrivateConstructorType,
                              const std::wstring& url, const std::wstring& key)
     : platformUrl_(url), apiKey_(key) {
+    // Made first (it starts no thread), so that the first token request is counted.
+    deliveryThreads_ = std::make_shared<DeliveryThreads>(DeliveryThreads::limitFromEnvironment());
+    statistics_ = std::make_shared<StatisticsRecorder>(deliveryThreads_);
     createClient();
     try {
         storeToken(getToken());
+        StatisticsRecorder::bump(statistics_->tokenRenewals);
     } catch (const std::exception& e) {
+        StatisticsRecorder::bump(statistics_->tokenFailures);
         DebugLog::error(L"Token validation failed. " + widen(e.what()));
     }
-    deliveryThreads_ = std::make_shared<DeliveryThreads>(DeliveryThreads::limitFromEnvironment());
     running_ = true;
     launchHeartbeatTask();
     mailboxQueue_ = std::make_shared<MailboxQueue>(ZU_MAXUINT32);
 }
 
 QxPlatformApi::~QxPlatformApi() {
+    // The report first: its callback may call this object. On the report's own thread (its
+    // callback let go of the last reference) this does not wait, and that thread holds only
+    // the recorder.
+    std::unique_ptr<StatisticsReporter> reporter;
+    {
+        std::lock_guard<std::mutex> lock(reporterMutex_);
+        reporter.swap(reporter_);
+    }
+    reporter.reset();
     {
         // Cleared under the object lock: the heartbeat task checks the flag under it before
         // each wait, so it either sees the flag or is already waiting when the wait is
@@ -112,6 +127,29 @@ QxPlatformApi::~QxPlatformApi() {
     deliveryThreads_->stop();
     DebugLog::trace(L"It took " + std::to_wstring(timer.getMilliseconds()) +
                     L" ms to kill the mailbox reception tasks.");
+}
+
+ApiStatistics QxPlatformApi::statistics() const {
+    return statistics_->snapshot();
+}
+
+void QxPlatformApi::reportStatistics(std::chrono::milliseconds interval,
+                                     std::function<void(const std::wstring& json)> callback) {
+    if (interval.count() < 0) {
+        ZU_THROW(Varkel::Zu::InvalidArgumentException,
+                 L"The statistics report interval must not be negative.");
+    }
+    std::unique_ptr<StatisticsReporter> replaced;
+    {
+        std::lock_guard<std::mutex> lock(reporterMutex_);
+        replaced.swap(reporter_);
+        if (interval.count() > 0) {
+            reporter_ =
+                std::make_unique<StatisticsReporter>(statistics_, interval, std::move(callback));
+        }
+    }
+    // Outside the lock: stopping waits for a callback under way, which may call this.
+    replaced.reset();
 }
 
 std::shared_ptr<QxPlatformApi> QxPlatformApi::createFromEnvVar() {

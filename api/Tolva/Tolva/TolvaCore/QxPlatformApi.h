@@ -32,6 +32,7 @@
 ///   for.
 #pragma once
 
+#include <TolvaCore/ApiStatistics.h>
 #include <TolvaCore/Mailbox.h>
 #include <TolvaCore/ModelServiceInfo.h>
 #include <TolvaCore/Token.h>
@@ -47,6 +48,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -61,6 +63,8 @@ namespace Tolva {
 namespace Rest {
 
 class DeliveryThreads;
+class StatisticsRecorder;
+class StatisticsReporter;
 
 class TOLVA_EXPORT QxPlatformApi {
   public:
@@ -77,18 +81,19 @@ class TOLVA_EXPORT QxPlatformApi {
     QxPlatformApi(Varkel::Zu::MakeShared::PrivateConstructorType, const std::wstring& url,
                   const std::wstring& key);
 
-    /// Stops the object, in this order: clears the running flag, shuts the mailbox queue down,
-    /// interrupts the heartbeat wait and waits for the heartbeat task (which finishes a pass
-    /// already under way, including its token request), joins the mail polling thread if one
-    /// was started, cancels every mailbox reception task and waits for each, and writes
-    /// "TRACE: It took N ms to kill the mailbox reception tasks." to the debug log.
-    /// Makes no REST call: platform mailboxes and service registrations are left as they are.
-    /// Also waits for listeners running on other delivery threads, and drops mail not yet
-    /// handed to a listener. Never throws. Runs on the thread that drops the last owner, which
-    /// may be any thread: a listener's (the object ends without waiting for that listener,
-    /// which goes on safely), a host thread, the notifier's. The library itself never lets go
-    /// of a reference on a thread of the HTTP pool or on its polling or heartbeat thread; a
-    /// host must not do so on the pool either (see WebUtils::settleHttpThreadPool).
+    /// Stops the object, in this order: ends the periodic statistics report (see
+    /// reportStatistics; waits for a callback under way), clears the running flag, shuts the
+    /// mailbox queue down, interrupts the heartbeat wait and waits for the heartbeat task (which
+    /// finishes a pass already under way, including its token request), joins the mail polling
+    /// thread if one was started, cancels every mailbox reception task and waits for each, and
+    /// writes "TRACE: It took N ms to kill the mailbox reception tasks." to the debug log. Makes no
+    /// REST call: platform mailboxes and service registrations are left as they are. Also waits for
+    /// listeners running on other delivery threads, and drops mail not yet handed to a listener.
+    /// Never throws. Runs on the thread that drops the last owner, which may be any thread: a
+    /// listener's (the object ends without waiting for that listener, which goes on safely), a host
+    /// thread, the notifier's. The library itself never lets go of a reference on a thread of the
+    /// HTTP pool or on its polling or heartbeat thread; a host must not do so on the pool either
+    /// (see WebUtils::settleHttpThreadPool).
     virtual ~QxPlatformApi();
 
     QxPlatformApi(const QxPlatformApi&) = delete;
@@ -232,6 +237,28 @@ class TOLVA_EXPORT QxPlatformApi {
         const std::wstring& topic, const std::wstring& content, const std::wstring& replyTopic,
         const std::chrono::steady_clock::time_point& deadline);
 
+    /// What this object has sent, received, retried and lost since it was made, with its
+    /// gauges and recent latencies (see ApiStatistics, which also gives it as JSON). Reading it
+    /// never waits for a request or a listener and does not slow the object's work: counters
+    /// are atomics, and only the latency windows and the per-service table are copied under
+    /// short locks of their own. Never throws except std::bad_alloc. Any thread, listeners
+    /// included.
+    ApiStatistics statistics() const;
+
+    /// A periodic report of statistics(), off until called: every `interval`, the snapshot's
+    /// JSON document (ApiStatistics::toJson) is handed to `callback`, or, when `callback` is
+    /// empty, written at info level on the logger "TolvaCore.Statistics". A later call
+    /// replaces the report; an interval of zero ends it. The callback runs on a thread of the
+    /// report's own, "QXP statistics", one call at a time; a slow callback delays only later
+    /// reports (missed ones are skipped), and an exception it throws is logged and the reports
+    /// go on. The callback may call this object (ending or replacing the report included) and
+    /// should hold it weakly: a strong reference kept in the callback keeps the object alive
+    /// for as long as the report runs. Replacing or ending the report waits for a callback
+    /// under way (unless called from that callback). Throws
+    /// Varkel::Zu::InvalidArgumentException for a negative interval. Any thread.
+    void reportStatistics(std::chrono::milliseconds interval,
+                          std::function<void(const std::wstring& json)> callback = nullptr);
+
   protected:
     /// Requests a new access token ("/identity/connect/token", client-credentials grant) and
     /// then the identity service's key set, and reads the platform account from the token's
@@ -312,6 +339,8 @@ class TOLVA_EXPORT QxPlatformApi {
     void schedulePollRetry(const std::shared_ptr<Mailbox>& mailbox, const std::wstring& mailboxId,
                            const std::exception& failure);
     bool isStopping() const;
+    /// Counts a poll whose answer could not be read, which takes its mailbox out of the cycle.
+    void countUnreadablePoll();
     /// Removes a mailbox's back-off state and pending retry; the mailbox table lock is held.
     void forgetPollStateLocked(const std::wstring& mailboxId);
     void queueDuePollRetries();
@@ -394,6 +423,13 @@ class TOLVA_EXPORT QxPlatformApi {
     /// DeliveryThreads. Shared so that a delivery thread on which this object is destroyed
     /// can finish its own job after the object has gone.
     std::shared_ptr<DeliveryThreads> deliveryThreads_;
+
+    /// Counters, gauges and latencies behind statistics(). Shared with the delivery jobs and
+    /// the periodic report, which may outlive this object.
+    std::shared_ptr<StatisticsRecorder> statistics_;
+    /// The periodic report, if one was asked for; its lock is held only to swap it.
+    std::mutex reporterMutex_;
+    std::unique_ptr<StatisticsReporter> reporter_;
 };
 
 }  // namespace Rest

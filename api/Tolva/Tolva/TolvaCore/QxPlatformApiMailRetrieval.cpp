@@ -9,6 +9,7 @@
 #include "private/MailboxListenerWithWait.h"
 #include "private/PollDelivery.h"
 #include "private/RestCall.h"
+#include "private/StatisticsRecorder.h"
 
 #include <ZuCore/CommonUtil.h>
 #include <ZuCore/Constants.h>
@@ -62,6 +63,8 @@ struct QxPlatformApi::PollContext {
 
     std::shared_ptr<Mailbox> mailbox;
     std::wstring mailboxId;
+    // When the platform's answer arrived, for the answer-to-listener latency.
+    SteadyClock::time_point answeredAt;
     pplx::cancellation_token_source cancellation;
     pplx::cancellation_token stoppingToken;
     pplx::cancellation_token_registration stopRegistration;
@@ -106,6 +109,7 @@ void QxPlatformApi::retrieveMail(const std::shared_ptr<Mailbox>& mailbox) {
 void QxPlatformApi::startPoll(std::shared_ptr<Mailbox> mailbox) {
     const std::wstring mailboxId = widen(boost::uuids::to_string(mailbox->getId()));
     bool counted = false;
+    bool sent = false;
     std::shared_ptr<PollContext> poll;
     try {
         RestCall call(web::http::methods::GET, std::string(ApiDefaults::kNotificationsPath) + "/" +
@@ -113,6 +117,7 @@ void QxPlatformApi::startPoll(std::shared_ptr<Mailbox> mailbox) {
         {
             std::lock_guard<std::mutex> lock(pollsMutex_);
             ++pollsInFlight_;
+            statistics_->pollsInFlight = pollsInFlight_;
             counted = true;
         }
         poll = std::make_shared<PollContext>(std::move(mailbox), mailboxId,
@@ -122,6 +127,9 @@ void QxPlatformApi::startPoll(std::shared_ptr<Mailbox> mailbox) {
             .header("Authorization", bearerAuthorization())
             .cancellation(poll->cancellation.get_token());
 
+        // Counted before it leaves: a snapshot never sees an outcome without its poll.
+        StatisticsRecorder::bump(statistics_->pollsSent);
+        sent = true;
         // Every outcome is taken by the last continuation, so no task of a poll ever ends
         // holding an exception nobody observes (that would end the process).
         pplx::task<void> receptionTask =
@@ -134,11 +142,14 @@ void QxPlatformApi::startPoll(std::shared_ptr<Mailbox> mailbox) {
                         outcome.get();
                     } catch (const pplx::task_canceled&) {
                         // Stopped with the object; nothing to report.
+                        StatisticsRecorder::bump(statistics_->pollsCancelled);
                     } catch (const std::exception& e) {
+                        countUnreadablePoll();
                         ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
                                       L"Mailbox " + mailboxId + L" stopped receiving mail: " +
                                           widen(e.what()));
                     } catch (...) {
+                        countUnreadablePoll();
                         ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
                                       L"Mailbox " + mailboxId + L" stopped receiving mail.");
                     }
@@ -160,9 +171,15 @@ void QxPlatformApi::startPoll(std::shared_ptr<Mailbox> mailbox) {
             entry->second.receptionTask = receptionTask;
         }
     } catch (const std::exception& e) {
+        if (sent) {
+            StatisticsRecorder::bump(statistics_->pollsTransportFailures);
+        }
         abandonPoll(counted, poll, std::move(mailbox),
                     L"Exception message : \"" + widen(e.what()) + L"\".", mailboxId);
     } catch (...) {
+        if (sent) {
+            StatisticsRecorder::bump(statistics_->pollsTransportFailures);
+        }
         abandonPoll(counted, poll, std::move(mailbox), L"Unknown exception.", mailboxId);
     }
 }
@@ -177,8 +194,14 @@ void QxPlatformApi::abandonPoll(bool counted, const std::shared_ptr<PollContext>
         }
         pollEnded();
     }
+    StatisticsRecorder::bump(statistics_->mailboxesDroppedNotStarted);
     DebugLog::error(L"Mailbox with id : " + mailboxId + L" cannot receive mail anymore. " + reason);
     deliveryThreads_->release(std::move(mailbox));
+}
+
+void QxPlatformApi::countUnreadablePoll() {
+    StatisticsRecorder::bump(statistics_->mailboxesDroppedUnreadable);
+    StatisticsRecorder::bump(statistics_->pollsUnreadable);
 }
 
 bool QxPlatformApi::isStopping() const {
@@ -197,10 +220,12 @@ pplx::task<void> QxPlatformApi::handlePollResponse(const std::shared_ptr<PollCon
         if (isStopping()) {
             throw pplx::task_canceled();
         }
+        StatisticsRecorder::bump(statistics_->pollsTransportFailures);
         schedulePollRetry(poll->mailbox, mailboxId, e);
         return pplx::task_from_result();
     }
 
+    poll->answeredAt = SteadyClock::now();
     const web::http::status_code status = response.status_code();
     if (status == status_codes::OK || status == status_codes::NoContent) {
         {
@@ -208,6 +233,7 @@ pplx::task<void> QxPlatformApi::handlePollResponse(const std::shared_ptr<PollCon
             pollFailures_.erase(mailboxId);
         }
         if (status == status_codes::NoContent) {
+            StatisticsRecorder::bump(statistics_->pollsEmpty);
             mailboxQueue_->putObject(poll->mailbox, ZU_TIMEOUT_INFINITE);
             return pplx::task_from_result();
         }
@@ -215,6 +241,7 @@ pplx::task<void> QxPlatformApi::handlePollResponse(const std::shared_ptr<PollCon
             [this, poll](pplx::task<value> bodyTask) { handlePollBody(poll, bodyTask); });
     }
 
+    StatisticsRecorder::bump(statistics_->pollsStatusFailures);
     // Only the mailbox table's own lock: see mailboxTableMutex_.
     std::lock_guard<std::mutex> lock(mailboxTableMutex_);
     const auto entry = mailboxTable_.find(mailboxId);
@@ -226,6 +253,8 @@ pplx::task<void> QxPlatformApi::handlePollResponse(const std::shared_ptr<PollCon
         // holds the mailbox, so this is not the last reference to it.
         mailboxTable_.erase(entry);
         forgetPollStateLocked(mailboxId);
+        statistics_->mailboxesLive = mailboxTable_.size();
+        StatisticsRecorder::bump(statistics_->mailboxesDroppedByStatus);
     }
     return pplx::task_from_result();
 }
@@ -242,6 +271,7 @@ void QxPlatformApi::handlePollBody(const std::shared_ptr<PollContext>& poll,
         if (isStopping()) {
             throw pplx::task_canceled();
         }
+        StatisticsRecorder::bump(statistics_->pollsTransportFailures);
         schedulePollRetry(poll->mailbox, poll->mailboxId, e);
         return;
     }
@@ -253,6 +283,7 @@ void QxPlatformApi::handlePollBody(const std::shared_ptr<PollContext>& poll,
     // mailbox's mail stays in order.
     PollMail mail = readPollBody(body);
     if (mail.failed) {
+        countUnreadablePoll();
         // Said here, while the poll is still counted: the object's end waits for this, not for
         // the delivery job, which it may drop. The mail read before the fault is still
         // delivered; the mailbox is not polled again.
@@ -262,9 +293,20 @@ void QxPlatformApi::handlePollBody(const std::shared_ptr<PollContext>& poll,
         if (mail.mail.empty()) {
             return;
         }
+    } else {
+        StatisticsRecorder::bump(mail.mail.empty() ? statistics_->pollsEmpty
+                                                   : statistics_->pollsWithMail);
     }
-    auto job = [mailbox = std::move(poll->mailbox), mail = std::move(mail), queue = mailboxQueue_] {
+    auto job = [mailbox = std::move(poll->mailbox), mail = std::move(mail), queue = mailboxQueue_,
+                statistics = statistics_, answeredAt = poll->answeredAt] {
+        if (!mail.mail.empty()) {
+            statistics->pollAnswerToListener.add(SteadyClock::now() - answeredAt);
+        }
+        const std::uint64_t exceptionsBefore = listenerExceptionsOnThisThread();
         deliverPollMail(mail, *mailbox);
+        StatisticsRecorder::bump(statistics->mailDelivered, mail.mail.size());
+        StatisticsRecorder::bump(statistics->listenerExceptions,
+                                 listenerExceptionsOnThisThread() - exceptionsBefore);
         if (!mail.failed) {
             queue->putObject(mailbox, ZU_TIMEOUT_INFINITE);
         }
@@ -292,6 +334,7 @@ void QxPlatformApi::schedulePollRetry(const std::shared_ptr<Mailbox>& mailbox,
         delay = std::min(delay, ApiDefaults::kPollRetryLongestDelay);
         pollRetries_.emplace(SteadyClock::now() + delay, PollRetry{mailbox, mailboxId});
     }
+    StatisticsRecorder::bump(statistics_->transportRetries);
     ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
                   L"Poll of mailbox " + mailboxId + L" failed, polling again in " +
                       std::to_wstring(delay.count()) + L" ms: " + widen(failure.what()));
@@ -335,6 +378,7 @@ void QxPlatformApi::pollEnded() {
     // thread has released it, which is its last use of this object.
     std::lock_guard<std::mutex> lock(pollsMutex_);
     --pollsInFlight_;
+    statistics_->pollsInFlight = pollsInFlight_;
     if (pollsInFlight_ == 0) {
         pollsEnded_.notify_all();
     }

@@ -4,6 +4,7 @@
 
 #include "private/ApiDefaults.h"
 #include "private/RestCall.h"
+#include "private/StatisticsRecorder.h"
 #include "private/TopicText.h"
 
 #include <ZuCore/CommonUtil.h>
@@ -93,7 +94,9 @@ void QxPlatformApi::createMailbox(const std::shared_ptr<Mailbox>& mailbox,
         std::lock_guard<std::mutex> tableLock(mailboxTableMutex_);
         mailboxTable_[mailboxId] = MailboxEntry{mailbox, pplx::task<void>()};
         mailboxCreated_ = true;
+        statistics_->mailboxesLive = mailboxTable_.size();
     }
+    StatisticsRecorder::bump(statistics_->mailboxesCreated);
     mailboxQueue_->putObject(mailbox, ZU_TIMEOUT_INFINITE);
 
     std::lock_guard<std::mutex> lock(objectLock_);
@@ -173,6 +176,8 @@ void QxPlatformApi::deleteMailbox(const std::shared_ptr<const Mailbox>& mailbox)
         found = mailboxTable_.erase(mailboxId) != 0;
         if (found) {
             forgetPollStateLocked(mailboxId);
+            statistics_->mailboxesLive = mailboxTable_.size();
+            StatisticsRecorder::bump(statistics_->mailboxesDeleted);
         }
     }
     if (!found) {

@@ -3,6 +3,7 @@
 
 #include "private/ApiDefaults.h"
 #include "private/RestCall.h"
+#include "private/StatisticsRecorder.h"
 #include "private/TopicText.h"
 
 #include <ZuCore/DebugLog.h>
@@ -48,7 +49,15 @@ void QxPlatformApi::postNotification(const std::wstring& topic, const std::wstri
     Varkel::Zu::DebugLog::trace("Sending QXP notification: " + serialised);
     call.textBody(serialised, RestCall::kJsonContentType);
 
-    RestCall::translatingHttpFailure([&] { call.perform(currentClient()); });
+    StatisticsRecorder::bump(statistics_->postsSent);
+    const auto sentAt = std::chrono::steady_clock::now();
+    try {
+        RestCall::translatingHttpFailure([&] { call.perform(currentClient()); });
+    } catch (...) {
+        StatisticsRecorder::bump(statistics_->postsFailed);
+        throw;
+    }
+    statistics_->postRoundTrip.add(std::chrono::steady_clock::now() - sentAt);
 }
 
 }  // namespace Rest

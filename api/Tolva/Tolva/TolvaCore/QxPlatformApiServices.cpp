@@ -4,6 +4,7 @@
 
 #include "private/ApiDefaults.h"
 #include "private/RestCall.h"
+#include "private/StatisticsRecorder.h"
 
 #include <ZuCore/DebugLog.h>
 #include <ZuCore/InvalidArgumentException.h>
@@ -75,6 +76,7 @@ void QxPlatformApi::registerService(
                 std::lock_guard<std::mutex> tableLock(serviceTableMutex_);
                 inout_serviceInfo->serviceSecret = serviceSecret;
                 serviceTable_[serviceId] = inout_serviceInfo;
+                statistics_->serviceRegistered(serviceId);
             })
             .get();
     });
@@ -92,6 +94,7 @@ void QxPlatformApi::unregisterService(const std::wstring& serviceId) {
         serviceSecret = entry->second->serviceSecret;
         // Forgotten before the request leaves, whatever the platform answers.
         serviceTable_.erase(entry);
+        statistics_->serviceUnregistered(serviceId);
     }
 
     try {
@@ -180,27 +183,31 @@ std::vector<QxPlatformApi::ServiceCredentials> QxPlatformApi::copyServiceTable()
 
 void QxPlatformApi::sendHeartbeat(const std::wstring& serviceId,
                                   const std::wstring& serviceSecret) {
+    bool beaten = false;
     try {
         RestCall call(web::http::methods::PUT, servicePath(serviceId, serviceSecret) + "/health");
         call.header("User-Agent", RestCall::kUserAgent)
             .header("Authorization", bearerAuthorization())
             .jsonBody(value::null());
-        call.sendUnchecked(currentClient())
-            .then([serviceId](const http_response& response) {
-                if (response.status_code() == status_codes::NoContent) {
-                    DebugLog::trace(L"Heartbeat sent for service " + serviceId);
-                    return;
-                }
-                ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
-                              L"Heartbeat failed: " + std::to_wstring(response.status_code()) +
-                                  L" " + widen(response.reason_phrase()));
-            })
-            .get();
+        beaten =
+            call.sendUnchecked(currentClient())
+                .then([serviceId](const http_response& response) {
+                    if (response.status_code() == status_codes::NoContent) {
+                        DebugLog::trace(L"Heartbeat sent for service " + serviceId);
+                        return true;
+                    }
+                    ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
+                                  L"Heartbeat failed: " + std::to_wstring(response.status_code()) +
+                                      L" " + widen(response.reason_phrase()));
+                    return false;
+                })
+                .get();
     } catch (const std::exception& e) {
         // A failing service never stops the pass: the next one is sent all the same.
         ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
                       L"Heartbeat failed" + widen(e.what()));
     }
+    statistics_->heartbeat(serviceId, beaten);
 }
 
 }  // namespace Rest

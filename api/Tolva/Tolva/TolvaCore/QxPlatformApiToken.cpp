@@ -6,6 +6,7 @@
 #include "private/ApiDefaults.h"
 #include "private/JsonReply.h"
 #include "private/RestCall.h"
+#include "private/StatisticsRecorder.h"
 
 #include <ZuCore/Base64.h>
 #include <ZuCore/DebugLog.h>
@@ -55,7 +56,9 @@ void QxPlatformApi::validateToken() {
     DebugLog::trace(L"Obtaining a new access token");
     try {
         storeToken(getToken());
+        StatisticsRecorder::bump(statistics_->tokenRenewals);
     } catch (const std::exception& e) {
+        StatisticsRecorder::bump(statistics_->tokenFailures);
         DebugLog::error(L"Token validation failed. " + widen(e.what()));
         ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
                       L"Token validation failed. " + widen(e.what()));

@@ -182,6 +182,11 @@ std::size_t DeliveryThreads::busyCount() const {
     return state_->busy;
 }
 
+std::size_t DeliveryThreads::queuedCount() const {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->jobs.size();
+}
+
 bool DeliveryThreads::isDeliveryThread() const {
     return currentDeliveryState == state_.get();
 }

@@ -62,6 +62,8 @@ class DeliveryThreads {
     // Threads alive now, and threads running a job now (diagnostics and tests).
     std::size_t threadCount() const;
     std::size_t busyCount() const;
+    // Jobs posted and not started yet (waiting for a free thread).
+    std::size_t queuedCount() const;
 
     // Whether the calling thread is one of these.
     bool isDeliveryThread() const;
