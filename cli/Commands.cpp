@@ -31,7 +31,10 @@ const std::vector<Command>& commands() {
           "loses the mailbox (restarted, say), a new one is created. Exit status 1 when --count\n"
           "was given and fewer notifications arrived.",
           {{"count", "N", "stop after N notifications"},
-           {"timeout", "SECONDS", "stop after this many seconds"}},
+           {"timeout", "SECONDS", "stop after this many seconds"},
+           {"stats", "SECONDS",
+            "print the API object's statistics every SECONDS and at the end (standard error, "
+            "or {\"statistics\": ...} lines with --json)"}},
           1,
           1000},
          runListen},
@@ -60,7 +63,10 @@ const std::vector<Command>& commands() {
            {"tag", "TAG", "a service tag; repeat for more", true},
            {"health", "STATE", "OK (default), Warning or Error"},
            {"health-text", "TEXT", "text that goes with --health"},
-           {"duration", "SECONDS", "unregister after this many seconds instead of on Ctrl-C"}},
+           {"duration", "SECONDS", "unregister after this many seconds instead of on Ctrl-C"},
+           {"stats", "SECONDS",
+            "print the API object's statistics every SECONDS and at the end (standard error, "
+            "or {\"statistics\": ...} lines with --json)"}},
           0,
           0},
          runRegister},

@@ -3,6 +3,7 @@
 #include "Commands.h"
 #include "Console.h"
 #include "MailCollector.h"
+#include "StatisticsPrinter.h"
 #include "StopSignal.h"
 
 #include <TolvaCore/JWTUtils.h>
@@ -24,6 +25,7 @@
 #include <functional>
 #include <iomanip>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -111,6 +113,9 @@ class Tour {
         }
     }
 
+    // The statistics of the tour's API object, printed with the summary.
+    void statistics(const Varkel::Tolva::Rest::ApiStatistics& stats) { statistics_ = stats; }
+
     // Prints the summary; returns the exit status.
     int finish(long long totalMs) {
         std::size_t passed = 0;
@@ -135,6 +140,10 @@ class Tour {
                 steps[i] = step;
             }
             out["steps"] = steps;
+            if (statistics_) {
+                out["statistics"] =
+                    web::json::value::parse(Varkel::Zu::narrow(statistics_->toJson()));
+            }
             Console::out(out.serialize());
         } else {
             Console::out("");
@@ -147,6 +156,9 @@ class Tour {
             }
             std::ostringstream total;
             total << std::fixed << std::setprecision(1) << double(totalMs) / 1000.0;
+            if (statistics_) {
+                Console::out("The tour's API object, " + statisticsLine(*statistics_));
+            }
             Console::out(failed_ ? "The demo failed after " + total.str() + " s."
                                  : "All " + std::to_string(passed) + " steps passed in " +
                                        total.str() + " s.");
@@ -157,6 +169,7 @@ class Tour {
   private:
     bool json_;
     bool failed_ = false;
+    std::optional<Varkel::Tolva::Rest::ApiStatistics> statistics_;
     std::vector<StepRecord> records_;
 };
 
@@ -326,6 +339,7 @@ int runDemo(const Arguments& arguments) {
         responderApi->deleteMailbox(responderMailbox);
         require(api->hasDeletedMailboxes() && responderApi->hasDeletedMailboxes(),
                 "a mailbox is still registered");
+        tour.statistics(api->statistics());
         const auto stopping = Clock::now();
         api.reset();
         responderApi.reset();

@@ -4,6 +4,7 @@
 #include "Console.h"
 #include "MailCollector.h"
 #include "PlatformConnection.h"
+#include "StatisticsPrinter.h"
 #include "StopSignal.h"
 #include "UsageError.h"
 
@@ -75,8 +76,10 @@ int runListen(const Arguments& arguments) {
     const long long count = arguments.number("count", 0, 1, INT32_MAX);
     const long long timeoutSeconds = arguments.number("timeout", 0, 1, 7 * 24 * 3600);
     const bool json = arguments.has("json");
+    const StatisticsPrinter statistics(arguments);
     const PlatformConnection connection(arguments);
     const auto api = connection.connect();
+    statistics.start(api);
     const auto collector = std::make_shared<MailCollector>();
     auto mailbox = openMailbox(*api, topics, collector);
     Console::err("listening on mailbox " + boost::uuids::to_string(mailbox->getId()) +
@@ -123,6 +126,7 @@ int runListen(const Arguments& arguments) {
             Console::err(std::string("tolva: could not delete the mailbox: ") + e.what());
         }
     }
+    statistics.finish(*api);
     if (!json) {
         Console::err("received " + std::to_string(received) + " notification" +
                      (received == 1 ? "" : "s"));

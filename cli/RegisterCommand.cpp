@@ -3,6 +3,7 @@
 #include "Commands.h"
 #include "Console.h"
 #include "PlatformConnection.h"
+#include "StatisticsPrinter.h"
 #include "StopSignal.h"
 #include "UsageError.h"
 
@@ -64,8 +65,10 @@ std::shared_ptr<ModelServiceInfo> describeService(const Arguments& arguments) {
 int runRegister(const Arguments& arguments) {
     const auto info = describeService(arguments);
     const long long duration = arguments.number("duration", 0, 1, 365LL * 24 * 3600);
+    const StatisticsPrinter statistics(arguments);
     const PlatformConnection connection(arguments);
     const auto api = connection.connect();
+    statistics.start(api);
     api->registerService(info);
     const std::string id = info->serviceId->toString();
     if (arguments.has("json")) {
@@ -117,6 +120,7 @@ int runRegister(const Arguments& arguments) {
     }
     Varkel::Zu::Logger::removeRecordObserver(observer);
     api->unregisterAllServices();
+    statistics.finish(*api);
     if (arguments.has("json")) {
         auto out = web::json::value::object();
         out["unregistered"] = web::json::value::boolean(true);

@@ -131,6 +131,35 @@ TEST_F(ToolCommands, ListenPrintsMailUntilTheCountAndDeletesTheMailbox) {
     EXPECT_EQ(requestsTo("DELETE", "/notifications/api/v1/mailbox/").size(), 1u);
 }
 
+TEST_F(ToolCommands, ListenWithStatsPrintsSnapshotsAsItGoesAndAtTheEnd) {
+    ToolProcess listener(
+        against({"listen", "stats.one", "--count", "2", "--stats", "1", "--json"}));
+    ASSERT_TRUE(listener.waitForError("listening on mailbox")) << listener.err();
+    // At least one periodic snapshot comes before the mail.
+    ASSERT_TRUE(listener.waitForOutput("{\"statistics\":")) << listener.out();
+    ASSERT_EQ(runTool(against({"post", "stats.one", "first"})).status, 0);
+    ASSERT_EQ(runTool(against({"post", "stats.one", "second"})).status, 0);
+    ASSERT_EQ(listener.wait(), 0) << listener.err();
+
+    std::vector<web::json::value> mail;
+    std::vector<web::json::value> snapshots;
+    for (const auto& line : lines(listener.out())) {
+        const auto document = web::json::value::parse(line);
+        (document.has_field("statistics") ? snapshots : mail).push_back(document);
+    }
+    ASSERT_EQ(mail.size(), 2u) << listener.out();
+    ASSERT_GE(snapshots.size(), 2u) << listener.out();
+    // The last one is taken at the end, after the mailbox was deleted.
+    const auto& last = snapshots.back().at("statistics");
+    EXPECT_EQ(last.at("schema").as_string(), "tolva.statistics/1");
+    EXPECT_EQ(last.at("mail").at("delivered").as_integer(), 2);
+    EXPECT_EQ(last.at("mailboxes").at("created").as_integer(), 1);
+    EXPECT_EQ(last.at("mailboxes").at("deleted").as_integer(), 1);
+    EXPECT_EQ(last.at("mailboxes").at("live").as_integer(), 0);
+    EXPECT_GE(last.at("polls").at("withMail").as_integer(), 1);
+    EXPECT_EQ(snapshots.front().at("statistics").at("mail").at("delivered").as_integer(), 0);
+}
+
 TEST_F(ToolCommands, ListenEndsOnCtrlCAndDeletesTheMailbox) {
     ToolProcess listener(against({"listen", "gamma"}));
     ASSERT_TRUE(waitForRequestsTo("GET", "/notifications/api/v1/notifications/", 1));
@@ -221,6 +250,33 @@ TEST_F(ToolCommands, RegisterRegistersAndUnregisters) {
     EXPECT_EQ(body.at("serviceHealth").at("healthText").as_string(), "warm");
     const auto removals = requestsTo("DELETE", "/discovery/api/v1/service/" + id + "/");
     EXPECT_EQ(removals.size(), 1u);
+}
+
+TEST_F(ToolCommands, RegisterWithStatsPrintsTheHeartbeatsAsText) {
+    const auto run = runTool(
+        against({"register", "--type", "render", "--instance", "render-01", "--address", "10.1.2.3",
+                 "--port", "8443", "--path-rule", "/render/", "--duration", "6", "--stats", "2"}));
+    ASSERT_EQ(run.status, 0) << run.err;
+    // Standard output keeps the command's own lines; the snapshots go to standard error.
+    EXPECT_EQ(lines(run.out).size(), 2u) << run.out;
+    std::vector<std::string> snapshots;
+    for (const auto& line : lines(run.err)) {
+        if (line.rfind("statistics after ", 0) == 0) {
+            snapshots.push_back(line);
+        }
+    }
+    ASSERT_GE(snapshots.size(), 3u) << run.err;
+    // Registered at the start; the final snapshot comes after unregistering.
+    EXPECT_NE(snapshots.front().find("services 1 registered"), std::string::npos) << run.err;
+    EXPECT_NE(snapshots.back().find("heartbeats 1 sent, 0 failed; services 0 registered"),
+              std::string::npos)
+        << run.err;
+}
+
+TEST_F(ToolCommands, StatsNeedsANumberOfSeconds) {
+    const auto run = runTool(against({"listen", "stats.bad", "--stats", "often"}));
+    EXPECT_EQ(run.status, 2) << run.err;
+    EXPECT_NE(run.err.find("--stats"), std::string::npos) << run.err;
 }
 
 TEST_F(ToolCommands, RegisterUnregistersOnCtrlC) {

@@ -38,6 +38,9 @@ TEST(ToolDemo, TheTourPassesEveryStep) {
               std::string::npos);
     EXPECT_NE(run.out.find("got \"pong: ping\" on demo.replies"), std::string::npos);
     EXPECT_NE(run.out.find("All 10 steps passed in "), std::string::npos) << run.out;
+    // The final statistics of the tour's object: one post of its own and the request.
+    EXPECT_NE(run.out.find("The tour's API object, statistics after "), std::string::npos);
+    EXPECT_NE(run.out.find(": posts 2 sent, 0 failed"), std::string::npos) << run.out;
     EXPECT_EQ(run.out.find("FAILED"), std::string::npos);
     EXPECT_EQ(run.out.find("eyJ"), std::string::npos);
 }
@@ -55,6 +58,13 @@ TEST(ToolDemo, AsJsonEveryStepIsReported) {
     }
     // Under a minute, heartbeat wait included.
     EXPECT_LT(document.at("totalMs").as_number().to_int64(), 60000);
+    const auto& statistics = document.at("statistics");
+    EXPECT_EQ(statistics.at("schema").as_string(), "tolva.statistics/1");
+    EXPECT_EQ(statistics.at("posts").at("sent").as_integer(), 2);
+    EXPECT_GE(statistics.at("heartbeats").at("sent").as_integer(), 1);
+    // Two mailboxes made and deleted: the tour's own and request and reply's.
+    EXPECT_EQ(statistics.at("mailboxes").at("created").as_integer(), 2);
+    EXPECT_EQ(statistics.at("mailboxes").at("live").as_integer(), 0);
 }
 
 }  // namespace

@@ -127,9 +127,18 @@ int ToolProcess::wait(std::chrono::milliseconds timeout) {
 }
 
 bool ToolProcess::waitForError(const std::string& text, std::chrono::milliseconds timeout) const {
+    return waitForText([this] { return err(); }, text, timeout);
+}
+
+bool ToolProcess::waitForOutput(const std::string& text, std::chrono::milliseconds timeout) const {
+    return waitForText([this] { return out(); }, text, timeout);
+}
+
+bool ToolProcess::waitForText(const std::function<std::string()>& read, const std::string& text,
+                              std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
-        if (err().find(text) != std::string::npos) {
+        if (read().find(text) != std::string::npos) {
             return true;
         }
         if (std::chrono::steady_clock::now() >= deadline) {

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -35,12 +36,17 @@ class ToolProcess {
     // Waits until the child's standard error contains `text` or `timeout` passes.
     bool waitForError(const std::string& text,
                       std::chrono::milliseconds timeout = std::chrono::seconds(30)) const;
+    // The same for standard output.
+    bool waitForOutput(const std::string& text,
+                       std::chrono::milliseconds timeout = std::chrono::seconds(30)) const;
 
     // What the child wrote so far.
     std::string out() const;
     std::string err() const;
 
   private:
+    static bool waitForText(const std::function<std::string()>& read, const std::string& text,
+                            std::chrono::milliseconds timeout);
     pid_t pid_ = -1;
     int status_ = -1;
     std::filesystem::path outFile_;
