@@ -104,7 +104,7 @@ TEST_F(MailboxManagementTest, AFailedCreateThrowsAndRegistersNothing) {
 TEST_F(MailboxManagementTest, ANotCreatedMailboxIsNotRegistered) {
     emulator_.addFault(statusRule("POST", kMailboxPath, 500, "down"));
     const auto mailbox = newMailbox();
-    EXPECT_THROW(api_->createMailbox(mailbox, L"t"), std::exception);
+    EXPECT_EQ(thrownText<std::runtime_error>([&] { api_->createMailbox(mailbox, L"t"); }), "down");
     EXPECT_FALSE(api_->hasDeletedMailboxes());
     EXPECT_THROW(api_->deleteMailbox(mailbox), Varkel::Zu::InvalidArgumentException);
     EXPECT_EQ(pollingThreadCount(), 0u);

@@ -222,7 +222,8 @@ TEST_F(QxPlatformApiTest, SecretsNeverReachLogRecordsOrStdout) {
         api->clearToken();
         api->validateToken();
         emulator_.addFault(statusRule("POST", kNotificationsPath, 403, "forbidden"));
-        EXPECT_THROW(api->postNotification(L"t", L"c", 0), std::exception);
+        EXPECT_EQ(thrownText<std::runtime_error>([&] { api->postNotification(L"t", L"c", 0); }),
+                  "forbidden");
     }
     Varkel::Zu::Logger::reloadConfiguration();
 
