@@ -58,32 +58,6 @@ class ThrowingListener : public MailboxListener {
     }
 };
 
-// Blocks every delivery until released.
-class GateListener : public MailboxListener {
-  public:
-    void onMailReceived(const std::wstring&, const std::wstring&) override {
-        std::unique_lock<std::mutex> lock(mutex_);
-        ++entered_;
-        changed_.notify_all();
-        changed_.wait(lock, [this] { return open_; });
-    }
-    bool waitEntered(std::chrono::milliseconds timeout) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, timeout, [this] { return entered_ > 0; });
-    }
-    void open() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        open_ = true;
-        changed_.notify_all();
-    }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    int entered_ = 0;
-    bool open_ = false;
-};
-
 TEST_F(ApiStatisticsTest, AFreshObjectCountsItsFirstTokenAndNothingElse) {
     auto api = makeApi();
     const ApiStatistics stats = api->statistics();

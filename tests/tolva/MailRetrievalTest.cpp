@@ -185,38 +185,14 @@ TEST_F(MailRetrievalTest, AReplyWithALoneSurrogateEscapeStopsThatMailboxWithoutH
 }
 
 TEST_F(MailRetrievalTest, NeverTwoPollsOfOneMailboxAtOnce) {
-    // A listener that holds the delivery until released: while it does, no next poll leaves.
-    class GateListener : public MailboxListener {
-      public:
-        void onMailReceived(const std::wstring&, const std::wstring&) override {
-            std::unique_lock<std::mutex> lock(mutex_);
-            entered_ = true;
-            changed_.notify_all();
-            changed_.wait(lock, [&] { return open_; });
-        }
-        void waitEntered() {
-            std::unique_lock<std::mutex> lock(mutex_);
-            changed_.wait(lock, [&] { return entered_; });
-        }
-        void open() {
-            std::lock_guard<std::mutex> lock(mutex_);
-            open_ = true;
-            changed_.notify_all();
-        }
-
-      private:
-        std::mutex mutex_;
-        std::condition_variable changed_;
-        bool entered_ = false;
-        bool open_ = false;
-    };
+    // While the gate holds the delivery, no next poll leaves.
     const auto api = makeApi();
     auto mailbox = newMailbox();
     emulator_.addFault(pollReply(*mailbox, R"([{"topic":"t","content":"held"}])"));
     const auto gate = std::make_shared<GateListener>();
     mailbox->addListener(gate);
     api->createMailbox(mailbox, L"t");
-    gate->waitEntered();
+    ASSERT_TRUE(gate->waitEntered());
     // Within a whole emulator poll period nothing more is asked for this mailbox.
     EXPECT_EQ(waitForPolls(*mailbox, 2, std::chrono::milliseconds(1500)).size(), 1u);
     gate->open();

@@ -56,6 +56,36 @@ class RecordingListener : public MailboxListener {
     std::vector<std::pair<std::wstring, std::wstring>> mail_;
 };
 
+// Holds every delivery until opened: while a listener waits here its mailbox gets no next poll,
+// and its delivery thread is taken.
+class GateListener : public MailboxListener {
+  public:
+    void onMailReceived(const std::wstring&, const std::wstring&) override {
+        std::unique_lock<std::mutex> lock(mutex_);
+        entered_ = true;
+        changed_.notify_all();
+        changed_.wait(lock, [this] { return open_; });
+    }
+
+    // Whether a delivery has reached the gate within `timeout`.
+    bool waitEntered(std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, timeout, [this] { return entered_; });
+    }
+
+    void open() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        open_ = true;
+        changed_.notify_all();
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool entered_ = false;
+    bool open_ = false;
+};
+
 inline std::string mailboxIdText(const Mailbox& mailbox) {
     return boost::uuids::to_string(mailbox.getId());
 }
