@@ -99,8 +99,11 @@ TEST_F(ToolTls, PostListenRequestRegisterAndVerifyOverHttps) {
     ASSERT_EQ(listener.wait(), 0) << listener.err();
     EXPECT_EQ(listener.out(), "tls.events: over https\n");
 
-    ToolProcess requester(
-        trusting({"request", "tls.questions", "ping", "--reply-topic", "tls.answers"}));
+    // The answer comes from another tool process, which opens its own TLS connections (token,
+    // key set, post): slow under the sanitizers with both cores busy, so the request waits up
+    // to a minute rather than its default 10 s.
+    ToolProcess requester(trusting(
+        {"request", "tls.questions", "ping", "--reply-topic", "tls.answers", "--timeout", "60"}));
     ASSERT_TRUE(waitForRequestsTo("POST", "/notifications/api/v1/notifications", 2));
     ASSERT_EQ(runTool(trusting({"post", "tls.answers", "pong"})).status, 0);
     EXPECT_EQ(requester.wait(), 0) << requester.err();
