@@ -1,5 +1,6 @@
 #include "StatisticsReporter.h"
 
+#include "ApiDefaults.h"
 #include "StatisticsRecorder.h"
 
 #include <ZuCore/LogMacros.h>
@@ -71,7 +72,7 @@ void StatisticsReporter::run(const std::shared_ptr<State>& state) {
                 ZU_LOG_INFO(statisticsLogger(), json);
             }
         } catch (...) {
-            ZU_LOG_CAPPED(statisticsLogger(), Logger::getErrorLevel(), 60000,
+            ZU_LOG_CAPPED(statisticsLogger(), Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
                           L"The statistics callback threw; reports go on.");
         }
         lock.lock();
