@@ -36,6 +36,19 @@ class MailRetrievalTest : public MailTest {
         return api.hasDeletedMailboxes();
     }
 
+    // Waits until the library has said that `mailbox` stopped receiving mail. The platform
+    // having a poll does not mean its answer has been read: ending the object before this line
+    // could cancel that answer unread.
+    static bool waitForStoppedLine(const LogRecords& records, const Mailbox& mailbox) {
+        const std::wstring prefix =
+            L"Mailbox " + widen(mailboxIdText(mailbox)) + L" stopped receiving mail: ";
+        return waitUntil([&] {
+            const auto messages = records.messages("TolvaCore.QxPlatformApi");
+            return std::any_of(messages.begin(), messages.end(),
+                               [&](const auto& m) { return m.rfind(prefix, 0) == 0; });
+        });
+    }
+
     // A mailbox with a recording listener, created on `topic`.
     std::pair<std::shared_ptr<Mailbox>, std::shared_ptr<RecordingListener>> listening(
         QxPlatformApi& api, const std::wstring& topic) {
@@ -154,13 +167,12 @@ TEST_F(MailRetrievalTest, AReplyThatIsNotAnArrayStopsThatMailboxWithoutHarm) {
     ASSERT_EQ(waitForPolls(*broken, 1).size(), 1u);
     api->postNotification(L"t", L"still flowing", 0);
     ASSERT_EQ(listener->waitFor(1).size(), 1u);
+    EXPECT_TRUE(waitForStoppedLine(records, *broken));
+    // Stopped for good: within a whole emulator poll period no next poll of it leaves, while
+    // the healthy mailbox goes on being polled.
+    EXPECT_EQ(waitForPolls(*broken, 2, std::chrono::milliseconds(1500)).size(), 1u);
+    EXPECT_GE(waitForPolls(*healthy, 2).size(), 2u);
     api.reset();
-    EXPECT_EQ(waitForPolls(*broken, 2, std::chrono::milliseconds(0)).size(), 1u);
-    const auto messages = records.messages("TolvaCore.QxPlatformApi");
-    EXPECT_TRUE(std::any_of(messages.begin(), messages.end(), [&](const auto& m) {
-        return m.rfind(L"Mailbox " + widen(mailboxIdText(*broken)) + L" stopped receiving mail: ",
-                       0) == 0;
-    }));
 }
 
 // Found by fuzzing the delivery: the JSON parser refuses a lone UTF-16 surrogate escape with
@@ -176,16 +188,11 @@ TEST_F(MailRetrievalTest, AReplyWithALoneSurrogateEscapeStopsThatMailboxWithoutH
     ASSERT_EQ(waitForPolls(*broken, 1).size(), 1u);
     api->postNotification(L"t", L"still flowing", 0);
     ASSERT_EQ(listener->waitFor(1).size(), 1u);
-    // The platform has the broken mailbox's poll, but its answer may still be on the way: the
-    // object's end would cancel it unread. Its line is awaited first.
-    EXPECT_TRUE(waitUntil([&] {
-        const auto messages = records.messages("TolvaCore.QxPlatformApi");
-        return std::any_of(messages.begin(), messages.end(), [&](const auto& m) {
-            return m.rfind(
-                       L"Mailbox " + widen(mailboxIdText(*broken)) + L" stopped receiving mail: ",
-                       0) == 0;
-        });
-    }));
+    EXPECT_TRUE(waitForStoppedLine(records, *broken));
+    // Stopped for good: within a whole emulator poll period no next poll of it leaves, while
+    // the healthy mailbox goes on being polled.
+    EXPECT_EQ(waitForPolls(*broken, 2, std::chrono::milliseconds(1500)).size(), 1u);
+    EXPECT_GE(waitForPolls(*healthy, 2).size(), 2u);
     api.reset();
 }
 
