@@ -74,16 +74,38 @@ TEST(ThreadTest, NameAndPriorityAreKeptAndTheSystemNameIsShortened) {
 TEST(ThreadTest, JoinIsIdempotentAndMayBeCalledConcurrently) {
     std::promise<void> release;
     std::shared_future<void> released = release.get_future().share();
-    auto thread = Thread::create(L"joined", [released] { released.wait(); });
+    std::atomic<bool> finished{false};
+    auto thread = Thread::create(L"joined", [released, &finished] {
+        released.wait();
+        finished = true;
+    });
+    // Every joiner returns only once the function has ended, and none of them throws.
+    std::atomic<int> sawItFinished{0};
+    std::atomic<int> threw{0};
+    std::atomic<int> joining{0};
     std::vector<std::thread> joiners;
     for (int i = 0; i < 3; ++i) {
-        joiners.emplace_back([&] { thread->join(); });
+        joiners.emplace_back([&] {
+            try {
+                ++joining;
+                thread->join();
+                if (finished) {
+                    ++sawItFinished;
+                }
+            } catch (...) {
+                ++threw;
+            }
+        });
     }
+    // Released once every joiner is on its way into join(), so that they overlap.
+    EXPECT_TRUE(ZuTest::eventually([&] { return joining.load() == 3; }));
     release.set_value();
     for (auto& joiner : joiners) {
         joiner.join();
     }
-    thread->join();
+    EXPECT_NO_THROW(thread->join());
+    EXPECT_EQ(threw.load(), 0);
+    EXPECT_EQ(sawItFinished.load(), 3);
 }
 
 TEST(ThreadTest, JoiningItselfThrowsIllegalState) {
