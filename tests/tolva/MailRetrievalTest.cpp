@@ -385,5 +385,35 @@ TEST_F(MailRetrievalTest, TeardownWithAHundredPollsOutstandingEndsPromptly) {
               requestsAfter);
 }
 
+// The platform keeps these polls for its full 30 seconds, so an end that waited for them
+// instead of cancelling them would take that long.
+class LongPollTeardownTest : public MailTest {
+  protected:
+    LongPollTeardownTest() : MailTest(testEmulatorOptions()) {}
+};
+
+TEST_F(LongPollTeardownTest, TheObjectsEndCancelsParkedPollsInsteadOfWaitingForThem) {
+    const DebugLogTail log;
+    auto api = makeApi();
+    std::vector<std::shared_ptr<Mailbox>> mailboxes;
+    for (int i = 0; i < 100; ++i) {
+        mailboxes.push_back(newMailbox());
+        api->createMailbox(mailboxes.back(), L"t" + std::to_wstring(i));
+    }
+    for (const auto& mailbox : mailboxes) {
+        ASSERT_EQ(waitForPolls(*mailbox, 1).size(), 1u);
+    }
+    const auto started = Clock::now();
+    api.reset();
+    const auto tookMs =
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count();
+    EXPECT_LT(tookMs, 5000);
+    EXPECT_EQ(log.countLinesStartingWith("TRACE: It took "), 1u);
+    // A cancelled poll is not a transport failure to retry.
+    for (const auto& mailbox : mailboxes) {
+        EXPECT_EQ(waitForPolls(*mailbox, 2, std::chrono::milliseconds(0)).size(), 1u);
+    }
+}
+
 }  // namespace
 }  // namespace TolvaRestTest
