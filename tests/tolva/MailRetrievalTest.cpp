@@ -372,7 +372,6 @@ TEST_F(MailRetrievalTest, TeardownWithAHundredPollsOutstandingEndsPromptly) {
     for (const auto& mailbox : mailboxes) {
         ASSERT_GE(waitForPolls(*mailbox, 1).size(), 1u);
     }
-    const std::size_t requestsBefore = emulator_.requests().size();
     const auto started = Clock::now();
     api.reset();
     EXPECT_LT(Clock::now() - started, std::chrono::seconds(5));
@@ -380,7 +379,6 @@ TEST_F(MailRetrievalTest, TeardownWithAHundredPollsOutstandingEndsPromptly) {
     // Nothing polls once the object is gone: a polling thread still running would send a
     // mailbox's next poll within a second (the platform answers idle polls after one).
     const std::size_t requestsAfter = emulator_.requests().size();
-    EXPECT_GE(requestsAfter, requestsBefore);
     EXPECT_EQ(emulator_.waitForRequests(requestsAfter + 1, std::chrono::milliseconds(2500)).size(),
               requestsAfter);
 }
