@@ -392,6 +392,7 @@ class LongPollTeardownTest : public MailTest {
 
 TEST_F(LongPollTeardownTest, TheObjectsEndCancelsParkedPollsInsteadOfWaitingForThem) {
     const DebugLogTail log;
+    const LogRecords records;
     auto api = makeApi();
     std::vector<std::shared_ptr<Mailbox>> mailboxes;
     for (int i = 0; i < 100; ++i) {
@@ -407,9 +408,13 @@ TEST_F(LongPollTeardownTest, TheObjectsEndCancelsParkedPollsInsteadOfWaitingForT
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count();
     EXPECT_LT(tookMs, 5000);
     EXPECT_EQ(log.countLinesStartingWith("TRACE: It took "), 1u);
-    // A cancelled poll is not a transport failure to retry.
+    // A cancelled poll is not a transport failure to retry: none is sent again, and none is
+    // reported as failed.
     for (const auto& mailbox : mailboxes) {
         EXPECT_EQ(waitForPolls(*mailbox, 2, std::chrono::milliseconds(0)).size(), 1u);
+    }
+    for (const auto& message : records.messages("TolvaCore.QxPlatformApi")) {
+        EXPECT_NE(message.rfind(L"Poll of mailbox ", 0), 0u) << narrow(message);
     }
 }
 
