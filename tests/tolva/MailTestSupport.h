@@ -125,6 +125,23 @@ class MailTest : public RestTest {
             count, timeout);
     }
 
+    // Creates `count` mailboxes on `api`, topics "t0", "t1" and so on, and waits until the
+    // platform has each one's first poll; empty (with a failure) if one never came.
+    std::vector<std::shared_ptr<Mailbox>> pollingMailboxes(QxPlatformApi& api, int count) const {
+        std::vector<std::shared_ptr<Mailbox>> mailboxes;
+        for (int i = 0; i < count; ++i) {
+            mailboxes.push_back(newMailbox());
+            api.createMailbox(mailboxes.back(), L"t" + std::to_wstring(i));
+        }
+        for (const auto& mailbox : mailboxes) {
+            if (waitForPolls(*mailbox, 1).empty()) {
+                ADD_FAILURE() << "mailbox " << mailboxIdText(*mailbox) << " was never polled";
+                return {};
+            }
+        }
+        return mailboxes;
+    }
+
     // Deletes `inbox`, whose listener holds `api`, and lets go of both. The deleted mailbox's
     // poll runs to its end on its own and holds the listener until then, so `api` is destroyed
     // on a delivery thread once the platform answers that poll. This waits until that
