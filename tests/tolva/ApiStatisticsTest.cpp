@@ -385,8 +385,10 @@ TEST_F(ApiStatisticsTest, TheJsonDocumentFollowsItsSchemaAndHoldsNoSecret) {
     expectLatency(posts.at("roundTripUs"), stats.postRoundTrip);
 
     const value& polls = json.at("polls");
-    ASSERT_EQ(keysOf(polls), sorted({"sent", "withMail", "empty", "transportFailures",
-                                     "statusFailures", "unreadable", "cancelled", "inFlight"}));
+    ASSERT_EQ(keysOf(polls),
+              sorted({"sent", "withMail", "empty", "transportFailures", "statusFailures",
+                      "unreadable", "cancelled", "endedByDeletion", "waitingForToken",
+                      "statusRetries", "inFlight"}));
     EXPECT_EQ(polls.at("sent").as_number().to_uint64(), stats.pollsSent);
     EXPECT_EQ(polls.at("withMail").as_number().to_uint64(), stats.pollsWithMail);
     EXPECT_EQ(polls.at("empty").as_number().to_uint64(), stats.pollsEmpty);
@@ -408,14 +410,23 @@ TEST_F(ApiStatisticsTest, TheJsonDocumentFollowsItsSchemaAndHoldsNoSecret) {
     EXPECT_EQ(services.at(0).at("serviceId").as_string(), info->serviceId->toString());
     EXPECT_TRUE(services.at(0).at("registered").as_bool());
     EXPECT_EQ(json.at("services").at("registered").as_number().to_uint64(), 1u);
+    EXPECT_EQ(json.at("services").at("registeredAgain").as_number().to_uint64(), 0u);
 
     ASSERT_EQ(keysOf(json.at("tokens")), sorted({"renewals", "failures"}));
     EXPECT_EQ(json.at("tokens").at("renewals").as_number().to_uint64(), stats.tokenRenewals);
 
     const value& mailboxes = json.at("mailboxes");
-    ASSERT_EQ(keysOf(mailboxes), sorted({"live", "created", "deleted", "dropped"}));
+    ASSERT_EQ(keysOf(mailboxes),
+              sorted({"live", "created", "deleted", "recreated", "dropped", "each"}));
     ASSERT_EQ(keysOf(mailboxes.at("dropped")), sorted({"status", "unreadable", "notStarted"}));
     EXPECT_EQ(mailboxes.at("live").as_number().to_uint64(), 1u);
+    // One view per mailbox: its id, where it stands, and its last failure.
+    const value& each = mailboxes.at("each");
+    ASSERT_EQ(each.size(), 1u);
+    ASSERT_EQ(keysOf(each.at(0)), sorted({"mailboxId", "state", "consecutiveFailures",
+                                          "lastHttpStatus", "lastError"}));
+    EXPECT_EQ(each.at(0).at("mailboxId").as_string(), narrow(stats.mailboxes.at(0).mailboxId));
+    EXPECT_EQ(each.at(0).at("consecutiveFailures").as_number().to_uint64(), 0u);
 
     // The mailbox id may be there; no secret is, nor any part of the token.
     for (const std::string& secret : {narrow(mailbox->getSecret()), narrow(info->serviceSecret),

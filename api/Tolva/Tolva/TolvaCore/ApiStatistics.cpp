@@ -1,11 +1,10 @@
 #include <TolvaCore/ApiStatistics.h>
 
+#include "private/IsoTime.h"
+
 #include <ZuCore/StringConversion.h>
 
 #include <cpprest/json.h>
-
-#include <cstdio>
-#include <ctime>
 
 namespace Varkel {
 namespace Tolva {
@@ -27,22 +26,6 @@ value latencyJson(const ApiStatistics::Latency& latency) {
     out["p99"] = count(static_cast<std::uint64_t>(latency.p99.count()));
     out["max"] = count(static_cast<std::uint64_t>(latency.max.count()));
     return out;
-}
-
-// "2026-11-24T10:15:30.123Z"
-std::string isoUtc(std::chrono::system_clock::time_point when) {
-    const auto sinceEpoch = when.time_since_epoch();
-    const std::time_t seconds =
-        std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch).count();
-    const long millis = static_cast<long>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(sinceEpoch).count() % 1000);
-    std::tm utc{};
-    gmtime_r(&seconds, &utc);
-    // Room for any year an int holds, so the text is never cut.
-    char text[64];
-    std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ", utc.tm_year + 1900,
-                  utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, millis);
-    return text;
 }
 
 }  // namespace
@@ -67,6 +50,9 @@ std::wstring ApiStatistics::toJson() const {
     polls["statusFailures"] = count(pollsStatusFailures);
     polls["unreadable"] = count(pollsUnreadable);
     polls["cancelled"] = count(pollsCancelled);
+    polls["endedByDeletion"] = count(pollsEndedByDeletion);
+    polls["waitingForToken"] = count(pollsWaitingForToken);
+    polls["statusRetries"] = count(statusRetries);
     polls["inFlight"] = count(pollsInFlight);
     document["polls"] = polls;
     document["transportRetries"] = count(transportRetries);
@@ -95,6 +81,7 @@ std::wstring ApiStatistics::toJson() const {
 
     value registered = value::object(true);
     registered["registered"] = count(servicesRegistered);
+    registered["registeredAgain"] = count(servicesRegisteredAgain);
     document["services"] = registered;
 
     value tokens = value::object(true);
@@ -106,12 +93,25 @@ std::wstring ApiStatistics::toJson() const {
     dropped["status"] = count(mailboxesDroppedByStatus);
     dropped["unreadable"] = count(mailboxesDroppedUnreadable);
     dropped["notStarted"] = count(mailboxesDroppedNotStarted);
-    value mailboxes = value::object(true);
-    mailboxes["live"] = count(mailboxesLive);
-    mailboxes["created"] = count(mailboxesCreated);
-    mailboxes["deleted"] = count(mailboxesDeleted);
-    mailboxes["dropped"] = dropped;
-    document["mailboxes"] = mailboxes;
+    value mailboxTotals = value::object(true);
+    mailboxTotals["live"] = count(mailboxesLive);
+    mailboxTotals["created"] = count(mailboxesCreated);
+    mailboxTotals["deleted"] = count(mailboxesDeleted);
+    mailboxTotals["recreated"] = count(mailboxesRecreated);
+    mailboxTotals["dropped"] = dropped;
+    value each = value::array(mailboxes.size());
+    for (std::size_t i = 0; i < mailboxes.size(); ++i) {
+        const MailboxView& view = mailboxes[i];
+        value item = value::object(true);
+        item["mailboxId"] = value::string(Varkel::Zu::narrow(view.mailboxId));
+        item["state"] = value::string(Varkel::Zu::narrow(mailboxStateName(view.state)));
+        item["consecutiveFailures"] = count(view.consecutiveFailures);
+        item["lastHttpStatus"] = value::number(view.lastHttpStatus);
+        item["lastError"] = value::string(Varkel::Zu::narrow(view.lastError));
+        each[i] = item;
+    }
+    mailboxTotals["each"] = each;
+    document["mailboxes"] = mailboxTotals;
 
     return Varkel::Zu::widen(document.serialize());
 }

@@ -19,6 +19,7 @@
 ///   std::wcout << stats.toJson() << L"\n";
 #pragma once
 
+#include <TolvaCore/MailboxState.h>
 #include <TolvaCore/TolvaExport.h>
 
 #include <chrono>
@@ -56,6 +57,16 @@ class TOLVA_EXPORT ApiStatistics {
         bool registered = false;  ///< Whether the service is registered now.
     };
 
+    /// One mailbox as its API object sees it: those in its table, and the most recent ones
+    /// dropped after a poll's status (up to 256).
+    struct MailboxView {
+        std::wstring mailboxId;                     ///< The mailbox id's text form.
+        MailboxState state = MailboxState::Queued;  ///< Where it stands now.
+        unsigned int consecutiveFailures = 0;       ///< Failed polls since the last answer.
+        int lastHttpStatus = 0;  ///< The status of the last failure, 0 when none or none had one.
+        std::wstring lastError;  ///< The text of the last failure, "" when none.
+    };
+
     std::chrono::system_clock::time_point takenAt;  ///< When the snapshot was taken.
     std::chrono::milliseconds uptime{0};            ///< How long the object had lived then.
 
@@ -79,6 +90,15 @@ class TOLVA_EXPORT ApiStatistics {
     /// Answered with a body that cannot be read; the mailbox is dropped.
     std::uint64_t pollsUnreadable = 0;
     std::uint64_t pollsCancelled = 0;  ///< Cancelled because the object ended.
+    /// Ended because the host deleted (or created again) their mailbox while they were out;
+    /// whatever they brought is not delivered. Not a failure.
+    std::uint64_t pollsEndedByDeletion = 0;
+    /// Polls not sent because there was no token yet (resilient mode); the mailbox backs off
+    /// and the token is renewed. Not counted in pollsSent.
+    std::uint64_t pollsWaitingForToken = 0;
+    /// Polls answered 401, 429, 502, 503 or 504 and polled again after a back-off (resilient
+    /// mode; counted among pollsStatusFailures too).
+    std::uint64_t statusRetries = 0;
     /// Requests sent again after a transport failure: a poll that failed in transport is
     /// polled again after its back-off. Posts, registrations and token requests are never
     /// sent again by the library.
@@ -111,6 +131,14 @@ class TOLVA_EXPORT ApiStatistics {
     /// Mailboxes dropped because a poll could not be started.
     std::uint64_t mailboxesDroppedNotStarted = 0;
 
+    /// Mailboxes the platform had lost (a poll answered 404) and that were created again
+    /// (resilient mode).
+    std::uint64_t mailboxesRecreated = 0;
+    /// Services registered again after a heartbeat answered 404 (resilient mode).
+    std::uint64_t servicesRegisteredAgain = 0;
+    /// Every mailbox's state and last failure, in id order (table first, then stopped ones).
+    std::vector<MailboxView> mailboxes;
+
     /// Gauge: mailboxes in this object's table.
     std::uint64_t mailboxesLive = 0;
     /// Gauge: polls whose task has not ended (deleted mailboxes' last polls included).
@@ -125,15 +153,18 @@ class TOLVA_EXPORT ApiStatistics {
     /// {"schema", "takenAt" (ISO 8601 UTC), "uptimeMs",
     ///  "posts": {"sent", "failed", "roundTripUs": LATENCY},
     ///  "polls": {"sent", "withMail", "empty", "transportFailures", "statusFailures",
-    ///            "unreadable", "cancelled", "inFlight"},
+    ///            "unreadable", "cancelled", "endedByDeletion", "waitingForToken",
+    ///            "statusRetries", "inFlight"},
     ///  "transportRetries",
     ///  "mail": {"delivered", "listenerExceptions", "backlog", "answerToListenerUs": LATENCY},
     ///  "heartbeats": {"sent", "failed",
     ///                 "services": [{"serviceId", "sent", "failed", "registered"}]},
-    ///  "services": {"registered"},
+    ///  "services": {"registered", "registeredAgain"},
     ///  "tokens": {"renewals", "failures"},
-    ///  "mailboxes": {"live", "created", "deleted",
-    ///                "dropped": {"status", "unreadable", "notStarted"}}}
+    ///  "mailboxes": {"live", "created", "deleted", "recreated",
+    ///                "dropped": {"status", "unreadable", "notStarted"},
+    ///                "each": [{"mailboxId", "state" (mailboxStateName), "consecutiveFailures",
+    ///                          "lastHttpStatus", "lastError"}]}}
     /// where LATENCY is {"samples", "p50", "p90", "p99", "max"}. Counts are JSON numbers
     /// (integers). Never throws except std::bad_alloc. Any thread.
     std::wstring toJson() const;

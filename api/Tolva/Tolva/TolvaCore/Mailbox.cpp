@@ -1,5 +1,7 @@
 #include <TolvaCore/Mailbox.h>
 
+#include <TolvaCore/NotificationListener.h>
+
 #include "private/StatisticsRecorder.h"
 
 #include <ZuCore/InvalidArgumentException.h>
@@ -96,11 +98,28 @@ void Mailbox::removeListener(const std::shared_ptr<MailboxListener>& listener) {
 }
 
 void Mailbox::receiveMail(const std::wstring& topic, const std::wstring& content) {
+    deliver(topic, content, nullptr);
+}
+
+void Mailbox::receiveNotification(const ReceivedNotification& notification) {
+    deliver(notification.topic, notification.content, &notification);
+}
+
+void Mailbox::deliver(const std::wstring& topic, const std::wstring& content,
+                      const ReceivedNotification* notification) {
     // Held for the whole delivery: listeners of one mailbox never run at the same time.
     std::lock_guard<std::mutex> lock(mutex_);
     for (const auto& listener : listeners_) {
         try {
-            listener->onMailReceived(topic, content);
+            // Mail without a notification reaches a NotificationListener through its
+            // onMailReceived, which fills in topic and content only.
+            auto* const whole =
+                notification ? dynamic_cast<NotificationListener*>(listener.get()) : nullptr;
+            if (whole) {
+                whole->onNotificationReceived(*notification);
+            } else {
+                listener->onMailReceived(topic, content);
+            }
         } catch (...) {
             // Counted for the delivery job that called this (see StatisticsRecorder).
             ++listenerExceptionsOnThisThread();

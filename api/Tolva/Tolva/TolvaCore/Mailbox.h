@@ -2,11 +2,12 @@
 /// Mailbox: the host-side record of one mailbox on the platform's notification service: its id,
 /// time to live, durability, the secret the platform returned at creation, and the listeners
 /// that every piece of mail fetched for it is handed to. QxPlatformApi creates the platform
-/// mailbox from it and delivers mail through receiveMail. Made through
+/// mailbox from it and delivers mail through receiveNotification. Made through
 /// Varkel::Zu::MakeShared::create<Mailbox>(...) and owned by shared pointers.
 #pragma once
 
 #include <TolvaCore/MailboxListener.h>
+#include <TolvaCore/ReceivedNotification.h>
 #include <TolvaCore/TolvaExport.h>
 
 #include <ZuCore/Logger.h>
@@ -77,7 +78,22 @@ class TOLVA_EXPORT Mailbox {
     /// a second) and the next listener still gets the mail; nothing from a listener escapes.
     void receiveMail(const std::wstring& topic, const std::wstring& content);
 
+    /// Hands one notification to every listener in the order they were added, on the calling
+    /// thread, with the listener lock held throughout: a NotificationListener gets the whole
+    /// notification (onNotificationReceived), any other listener its topic and content
+    /// (onMailReceived). An exception from a listener is caught and logged as by receiveMail
+    /// (the same line, under the same once-a-second cap) and the next listener still gets the
+    /// notification; nothing from a listener escapes. QxPlatformApi delivers fetched mail
+    /// through this. Any thread except from inside a listener of this mailbox (the lock is
+    /// held there); throws std::system_error when the lock fails.
+    void receiveNotification(const ReceivedNotification& notification);
+
   private:
+    /// The delivery of receiveMail (notification null) and receiveNotification: every
+    /// listener in order, under the listener lock, each one's exception caught and logged.
+    void deliver(const std::wstring& topic, const std::wstring& content,
+                 const ReceivedNotification* notification);
+
     static std::shared_ptr<Varkel::Zu::Logger> _logger;
 
     boost::uuids::uuid id_;

@@ -3,7 +3,10 @@
 #include <TolvaCore/WebUtils.h>
 
 #include "private/ApiDefaults.h"
+#include "private/BearerText.h"
 #include "private/DeliveryThreads.h"
+#include "private/EventDispatcher.h"
+#include "private/MailboxRegistry.h"
 #include "private/StatisticsRecorder.h"
 #include "private/StatisticsReporter.h"
 
@@ -49,20 +52,29 @@ std::pair<std::wstring, std::wstring> readConfiguration(const std::wstring& conf
 QxPlatformApi::QxPlatformApi(Varkel::Zu::MakeShared::PrivateConstructorType,
                              const std::wstring& url, const std::wstring& key)
     : platformUrl_(url), apiKey_(key) {
-    // Made first (it starts no thread), so that the first token request is counted.
+    // Made first (none starts a thread yet), so that the first token request is counted and
+    // reported, and the heartbeat task finds its recovery thread.
+    bearer_ = std::make_shared<BearerText>();
     deliveryThreads_ = std::make_shared<DeliveryThreads>(DeliveryThreads::limitFromEnvironment());
     statistics_ = std::make_shared<StatisticsRecorder>(deliveryThreads_);
+    events_ = std::make_shared<EventDispatcher>();
+    recovery_ = std::make_shared<DeliveryThreads>(1);
+    mailboxQueue_ = std::make_shared<MailboxQueue>(ZU_MAXUINT32);
+    registry_ = std::make_shared<MailboxRegistry>(mailboxQueue_, statistics_, events_,
+                                                  deliveryThreads_, recoveryModeFromEnvironment());
+    statistics_->setMailboxViews(registry_);
     createClient();
     try {
-        storeToken(getToken());
+        const Token token = getToken();
+        storeToken(token);
         StatisticsRecorder::bump(statistics_->tokenRenewals);
     } catch (const std::exception& e) {
         StatisticsRecorder::bump(statistics_->tokenFailures);
         DebugLog::error(L"Token validation failed. " + widen(e.what()));
+        tokenRequestFailed(e);
     }
     running_ = true;
     launchHeartbeatTask();
-    mailboxQueue_ = std::make_shared<MailboxQueue>(ZU_MAXUINT32);
 }
 
 QxPlatformApi::~QxPlatformApi() {
@@ -82,6 +94,11 @@ QxPlatformApi::~QxPlatformApi() {
         std::lock_guard<std::mutex> lock(objectLock_);
         running_ = false;
     }
+    {
+        // Ends a recovery job's back-off at once.
+        std::lock_guard<std::mutex> lock(recoveryPauseMutex_);
+        recoveryPauseEnded_.notify_all();
+    }
     if (mailboxQueue_) {
         mailboxQueue_->shutdown();
     }
@@ -95,22 +112,16 @@ QxPlatformApi::~QxPlatformApi() {
         queryLauncherThread_.reset();
     }
 
+    // Recovery jobs use this object; a job under way ends at its next step (each request is
+    // bounded by the client's time-out). Jobs not started are dropped.
+    recovery_->stop();
+
     const Varkel::Zu::Timer timer;
-    std::vector<pplx::task<void>> receptionTasks;
     // The polling thread has ended, so no poll starts any more. Cancelling may complete
-    // requests on the spot, and their continuations take the mailbox table's lock: it is
-    // done before that lock is taken, and the tasks are waited for after it is released.
+    // requests on the spot, and their continuations take the registry's lock: the registry
+    // cancels outside it, and the tasks are waited for here.
     receptionCancellation_.cancel();
-    {
-        std::lock_guard<std::mutex> lock(mailboxTableMutex_);
-        for (const auto& entry : mailboxTable_) {
-            receptionTasks.push_back(entry.second.receptionTask);
-        }
-    }
-    for (const auto& task : receptionTasks) {
-        if (task == pplx::task<void>()) {
-            continue;
-        }
+    for (const auto& task : registry_->close()) {
         try {
             task.wait();
         } catch (...) {
@@ -125,6 +136,9 @@ QxPlatformApi::~QxPlatformApi() {
     // a delivery thread), that thread is not waited for: it ends by itself once the listener
     // returns, and its job touches nothing of this object.
     deliveryThreads_->stop();
+    // Events not yet handed to the host's callback are dropped; one under way is waited for,
+    // unless this runs inside it.
+    events_->stop();
     DebugLog::trace(L"It took " + std::to_wstring(timer.getMilliseconds()) +
                     L" ms to kill the mailbox reception tasks.");
 }
@@ -207,6 +221,11 @@ void QxPlatformApi::setPlatformUrl(std::wstring url) {
     }
     createClient();
     clearToken();
+    // Resilient mode: a token for the new platform at once, so that the polls waiting for
+    // one go on.
+    if (recoveryMode() == RecoveryMode::Resilient) {
+        requestTokenRenewal(std::string());
+    }
 }
 
 void QxPlatformApi::setPlatformApiKey(std::wstring key) {
@@ -215,13 +234,16 @@ void QxPlatformApi::setPlatformApiKey(std::wstring key) {
         apiKey_ = std::move(key);
     }
     clearToken();
+    if (recoveryMode() == RecoveryMode::Resilient) {
+        requestTokenRenewal(std::string());
+    }
 }
 
 void QxPlatformApi::clearToken() {
     std::lock_guard<std::mutex> lock(stateMutex_);
     currentToken_.accessToken.clear();
     currentToken_.expiresAt = Token::TimePoint();
-    bearerHeader_ = kBearerPrefix;
+    bearer_->set(std::string());
 }
 
 const Token& QxPlatformApi::getCurrentToken() {
@@ -248,8 +270,7 @@ std::wstring QxPlatformApi::currentAccessToken() const {
 }
 
 std::string QxPlatformApi::bearerAuthorization() const {
-    std::lock_guard<std::mutex> lock(stateMutex_);
-    return bearerHeader_;
+    return bearer_->get();
 }
 
 void QxPlatformApi::storeToken(const Token& token) {
@@ -258,7 +279,19 @@ void QxPlatformApi::storeToken(const Token& token) {
     currentToken_.account = token.account;
     currentToken_.keySet = token.keySet;
     currentToken_.expiresAt = token.expiresAt;
-    bearerHeader_ = kBearerPrefix + narrow(token.accessToken);
+    bearer_->set(narrow(token.accessToken));
+}
+
+void QxPlatformApi::setRecoveryMode(RecoveryMode mode) {
+    registry_->setMode(mode);
+}
+
+RecoveryMode QxPlatformApi::recoveryMode() const {
+    return registry_->mode();
+}
+
+void QxPlatformApi::setEventCallback(std::function<void(const ApiEvent& event)> callback) {
+    events_->setCallback(std::move(callback));
 }
 
 }  // namespace Rest

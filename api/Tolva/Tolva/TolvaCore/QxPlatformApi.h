@@ -27,14 +27,22 @@
 ///   client's 30-second time-out racing the platform's 30-second wait, a connection lost while
 ///   the answer is read) keeps its mailbox in the cycle: it is polled again after a back-off
 ///   that doubles from 100 ms to 5 s, and the failure is logged at most once a minute. A poll
-///   answered with a status other than 200 or 204 drops the mailbox (see retrieveMail).
+///   answered with a status other than 200 or 204 drops the mailbox (see retrieveMail), unless
+///   resilient recovery is on (see RecoveryMode and setRecoveryMode).
+/// - Each mailbox's life (MailboxState) is decided in one place: at most one poll of a mailbox
+///   is outstanding, and a stopped or deleted mailbox is never polled or fed again. What the
+///   host did not cause itself (a mailbox stopped, backing off, polling again or created
+///   again, a service lost or registered again, token renewal failing or recovering) reaches
+///   it as an ApiEvent (setEventCallback) and on the logger "TolvaCore.Events".
 /// - docs/threads.md maps every thread the library runs, what runs on it and what it may wait
 ///   for.
 #pragma once
 
+#include <TolvaCore/ApiEvent.h>
 #include <TolvaCore/ApiStatistics.h>
 #include <TolvaCore/Mailbox.h>
 #include <TolvaCore/ModelServiceInfo.h>
+#include <TolvaCore/RecoveryMode.h>
 #include <TolvaCore/Token.h>
 #include <TolvaCore/TolvaExport.h>
 #include <TolvaCore/WebUtils.h>
@@ -52,6 +60,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -63,7 +72,11 @@ namespace Tolva {
 namespace Rest {
 
 class DeliveryThreads;
+class EventDispatcher;
+class MailboxRegistry;
+struct MailboxLife;
 class StatisticsRecorder;
+struct BearerText;
 class StatisticsReporter;
 
 class TOLVA_EXPORT QxPlatformApi {
@@ -212,10 +225,12 @@ class TOLVA_EXPORT QxPlatformApi {
     void unsubscribeTopic(const std::shared_ptr<const Mailbox>& mailbox, const std::wstring& topic);
 
     /// Forgets the mailbox and deletes it on the platform (DELETE ".../mailbox/<secret>"). The
-    /// mailbox is out of this object's table before the request leaves: a failed DELETE is not
-    /// retried, and a second call throws. A 404 answer is only a warning. Its outstanding poll, if
-    /// any, ends on its own (at the latest after the platform's 30-second wait) and holds the
-    /// mailbox and its listeners until then; mail it still brings is delivered. Throws
+    /// mailbox is out of this object's table before the request leaves, and is never polled or
+    /// handed mail again whatever the platform answers: its outstanding poll is cancelled (mail
+    /// that poll brought and that no listener has started on is dropped; counted in
+    /// ApiStatistics::pollsEndedByDeletion). A failed DELETE is not retried, and a second call
+    /// throws. A 404 answer is only a warning. In resilient mode (see RecoveryMode) a mailbox
+    /// stopped by a poll's status can be deleted too. Throws
     /// Varkel::Zu::InvalidArgumentException "Mailbox was not created by this instance of the QX
     /// Platform API." for a mailbox this object did not create (nothing is sent), and
     /// web::http::http_exception for a status other than 204 or 404 or a transport failure.
@@ -223,7 +238,8 @@ class TOLVA_EXPORT QxPlatformApi {
     void deleteMailbox(const std::shared_ptr<const Mailbox>& mailbox);
 
     /// True once a mailbox was created and every mailbox created has since been deleted (or
-    /// dropped after an unexpected poll answer). Any thread.
+    /// dropped after an unexpected poll answer). Any thread. ApiStatistics::mailboxes shows
+    /// each mailbox's state.
     bool hasDeletedMailboxes();
 
     /// Request and reply: creates a temporary mailbox subscribed to replyTopic, posts `content`
@@ -231,7 +247,8 @@ class TOLVA_EXPORT QxPlatformApi {
     /// on the temporary mailbox or `deadline` passes, deletes the mailbox and returns the
     /// content of the last notification received ("" on time-out; a time-out is not an error).
     /// Throws what createMailbox and postNotification throw; when the post fails, the temporary
-    /// mailbox stays created, registered and polled (it is not cleaned up). Blocks the calling
+    /// mailbox stays created, registered and polled (it is not cleaned up), except in resilient
+    /// mode, where it is deleted before the failure is thrown. Blocks the calling
     /// thread until the reply or the deadline; any thread.
     std::wstring postNotificationAndWaitForReply(
         const std::wstring& topic, const std::wstring& content, const std::wstring& replyTopic,
@@ -258,6 +275,24 @@ class TOLVA_EXPORT QxPlatformApi {
     /// Varkel::Zu::InvalidArgumentException for a negative interval. Any thread.
     void reportStatistics(std::chrono::milliseconds interval,
                           std::function<void(const std::wstring& json)> callback = nullptr);
+
+    /// How this object reacts to ordinary outages (see RecoveryMode): Strict, the default,
+    /// unless the environment variable TOLVA_RECOVERY said "resilient" when the object was
+    /// made. May be changed at any time; it applies from the next outcome on. Never throws.
+    /// Any thread.
+    void setRecoveryMode(RecoveryMode mode);
+    /// The mode in force. Any thread.
+    RecoveryMode recoveryMode() const;
+
+    /// Sets (or, with an empty function, removes) the callback that hears of every ApiEvent:
+    /// what happened to this object's mailboxes, services and token that the host did not
+    /// cause itself. The callback runs on a thread of this object's own, "QXP events", one
+    /// event at a time and in the order they happened; never on the HTTP pool. It may call
+    /// this object (a blocking call delays only later events) and should hold it weakly; an
+    /// exception it throws is logged and dropped. Events are logged on "TolvaCore.Events"
+    /// whether a callback is set or not. Events not yet handed to the callback when the object
+    /// ends are dropped. Never throws except std::bad_alloc. Any thread.
+    void setEventCallback(std::function<void(const ApiEvent& event)> callback);
 
   protected:
     /// Requests a new access token ("/identity/connect/token", client-credentials grant) and
@@ -301,18 +336,13 @@ class TOLVA_EXPORT QxPlatformApi {
 
     /// One heartbeat: PUT "/discovery/api/v1/service/<id>/<secret>/health" with the JSON body
     /// null, waited for. 204 writes "TRACE: Heartbeat sent for service <id>"; another status
-    /// or a transport failure is logged (capped) and not thrown.
-    void sendHeartbeat(const std::wstring& serviceId, const std::wstring& serviceSecret);
+    /// or a transport failure is logged (capped) and not thrown. Returns the status, 0 for a
+    /// transport failure.
+    int sendHeartbeat(const std::wstring& serviceId, const std::wstring& serviceSecret);
 
   private:
     friend std::shared_ptr<web::http::client::http_client> WebUtils::createHttpClient(
         const std::wstring& url, const std::shared_ptr<QxPlatformApi>& api);
-
-    /// One reception task per mailbox this object created.
-    struct MailboxEntry {
-        std::shared_ptr<Mailbox> mailbox;
-        pplx::task<void> receptionTask;
-    };
 
     /// A registered service as the heartbeat pass sends it: id and secret.
     struct ServiceCredentials {
@@ -323,30 +353,40 @@ class TOLVA_EXPORT QxPlatformApi {
     void heartbeatLoop();
     void changeSubscription(const std::shared_ptr<const Mailbox>& mailbox,
                             const std::wstring& topic, bool subscribe);
-    /// The parts of one poll: its start, the answer's handling, the back-off after a transport
-    /// failure, and the end of the poll's task.
+    /// The parts of one poll: its start, the answer's handling and the end of the poll's task.
+    /// Every outcome goes to the mailbox registry, which decides what follows.
     struct PollContext;
-    void startPoll(std::shared_ptr<Mailbox> mailbox);
-    /// A poll that could not be started: ends its count, writes the "cannot receive mail
-    /// anymore" line and lets go of the mailbox on a delivery thread.
+    void startPoll(std::shared_ptr<MailboxLife> life);
     void abandonPoll(bool counted, const std::shared_ptr<PollContext>& poll,
-                     std::shared_ptr<Mailbox> mailbox, const std::wstring& reason,
-                     const std::wstring& mailboxId);
+                     std::shared_ptr<MailboxLife> life, const std::wstring& reason);
     pplx::task<void> handlePollResponse(const std::shared_ptr<PollContext>& poll,
                                         pplx::task<web::http::http_response> responseTask);
     void handlePollBody(const std::shared_ptr<PollContext>& poll,
                         pplx::task<web::json::value> bodyTask);
-    void schedulePollRetry(const std::shared_ptr<Mailbox>& mailbox, const std::wstring& mailboxId,
-                           const std::exception& failure);
+    /// Carries out what the registry asked for after a poll (on a thread that may block).
+    void followUp(int action, const std::shared_ptr<MailboxLife>& life,
+                  const std::string& bearerSent);
     bool isStopping() const;
-    /// Counts a poll whose answer could not be read, which takes its mailbox out of the cycle.
-    void countUnreadablePoll();
-    /// Removes a mailbox's back-off state and pending retry; the mailbox table lock is held.
-    void forgetPollStateLocked(const std::wstring& mailboxId);
-    void queueDuePollRetries();
-    std::chrono::steady_clock::time_point nextPollRetryDeadline();
     void pollEnded();
     void waitForPollsToEnd();
+    /// POSTs the mailbox creation and stores the secret; throws as createMailbox does.
+    void postMailboxCreation(const std::shared_ptr<Mailbox>& mailbox,
+                             const std::wstring& subscription);
+    /// Recovery work, on the "QXP recovery" thread: a token for waiting polls (forced when the
+    /// platform refused `rejectedBearer`), a lost mailbox created again, a lost service
+    /// registered again. Each ends when the object stops.
+    void requestTokenRenewal(const std::string& rejectedBearer);
+    void renewTokenForPolls(const std::string& rejectedBearer);
+    void recreateMailbox(const std::shared_ptr<MailboxLife>& life);
+    void registerServiceAgain(const std::wstring& serviceId);
+    /// Waits up to `delay` unless the object stops first; false when it stops.
+    bool recoveryPause(std::chrono::milliseconds delay);
+    /// One token request with its bookkeeping (statistics, logs, events); false when it failed.
+    bool renewToken();
+    /// The host is told of the first failure of a run, and of the recovery after it.
+    void tokenRequestFailed(const std::exception& failure);
+    void tokenRequestSucceeded();
+    void serviceLost(const std::wstring& serviceId, int status);
     void heartbeatPass();
     std::vector<ServiceCredentials> copyServiceTable() const;
     std::shared_ptr<web::http::client::http_client> currentClient() const;
@@ -368,9 +408,10 @@ class TOLVA_EXPORT QxPlatformApi {
     std::wstring apiKey_;
     Token currentToken_;
     /// The Authorization header text for the current token ("Bearer " and the token in
-    /// UTF-8), made when the token changes rather than on every request.
-    static constexpr const char* kBearerPrefix = "Bearer ";
-    std::string bearerHeader_ = kBearerPrefix;
+    /// UTF-8), made when the token changes rather than on every request. Held apart from this
+    /// object so that an HTTP client's bearer stage can read it without holding this object,
+    /// whose last reference it must never become on a pool thread.
+    std::shared_ptr<BearerText> bearer_;
     /// Guards the mailbox table and the unregistration side of the service table, and is held
     /// by the heartbeat task for each whole pass.
     std::mutex objectLock_;
@@ -389,35 +430,41 @@ class TOLVA_EXPORT QxPlatformApi {
     std::shared_ptr<Varkel::Zu::Thread> heartbeatThread_;
     Varkel::Zu::ConditionVariable heartbeatWakeUp_;
     std::shared_ptr<web::http::client::http_client> httpClient_;
-    /// Guards the mailbox table and the created flag. The callers' mailbox operations take it
-    /// inside the object lock, so they still wait for a heartbeat pass; the polling thread and
-    /// the polls' continuations take only this one. The object lock is held across the
-    /// heartbeat's requests, and a continuation waiting for it holds an HTTP pool thread that
-    /// those very requests may need: with a few polls failing at once during a slow heartbeat,
-    /// nothing would move again. This lock is never held across a request or a queue wait.
-    std::mutex mailboxTableMutex_;
-    std::map<std::wstring, MailboxEntry> mailboxTable_;
-    /// Set by the first successful createMailbox.
-    bool mailboxCreated_ = false;
     pplx::cancellation_token_source receptionCancellation_;
     std::shared_ptr<MailboxQueue> mailboxQueue_;
     std::shared_ptr<Varkel::Zu::Thread> queryLauncherThread_;
+    /// Every mailbox's life: its table, states, back-off and events (see MailboxRegistry).
+    /// Callers' mailbox operations take it inside the object lock, so they still wait for a
+    /// heartbeat pass; the polling thread and the polls' continuations take only its own leaf
+    /// lock, never held across a request.
+    std::shared_ptr<MailboxRegistry> registry_;
 
-    /// Every poll whose task has not ended yet, deleted mailboxes' included. A deleted
-    /// mailbox's task is no longer in the mailbox table, but its continuation still uses this
-    /// object; the destructor waits for this count to reach zero so that no continuation
-    /// outlives the object. The same lock guards the delayed retries and the back-off state.
+    /// Every poll whose task has not ended yet, deleted mailboxes' included: their
+    /// continuations use this object, so the destructor waits for this count to reach zero.
     std::mutex pollsMutex_;
     std::condition_variable pollsEnded_;
     std::size_t pollsInFlight_ = 0;
-    /// Mailboxes to queue again once their back-off has passed, by due time.
-    struct PollRetry {
-        std::shared_ptr<Mailbox> mailbox;
-        std::wstring mailboxId;
-    };
-    std::multimap<std::chrono::steady_clock::time_point, PollRetry> pollRetries_;
-    /// Consecutive transport failures per mailbox id.
-    std::map<std::wstring, unsigned int> pollFailures_;
+
+    /// The host's events (see setEventCallback).
+    std::shared_ptr<EventDispatcher> events_;
+    /// One thread for recovery work that waits for the platform (a token for waiting polls,
+    /// creating a lost mailbox again, registering a lost service again): never the HTTP pool,
+    /// never the polling thread. Its jobs use this object, so the destructor stops it (and
+    /// waits for a job under way) before anything else goes.
+    std::shared_ptr<DeliveryThreads> recovery_;
+    std::mutex recoveryPauseMutex_;
+    std::condition_variable recoveryPauseEnded_;
+    std::atomic<bool> tokenRenewalQueued_{false};
+    /// Whether the last token request failed (for the failing and recovered events).
+    std::atomic<bool> tokenFailing_{false};
+    /// In resilient mode, a still-valid token is not renewed again before this after a
+    /// failure. Guarded by stateMutex_.
+    std::chrono::steady_clock::time_point tokenRetryNotBefore_{};
+    unsigned int tokenRetryFailures_ = 0;
+    /// Services whose heartbeat was answered 404 and the host told so, and those being
+    /// registered again. Guarded by serviceTableMutex_.
+    std::set<std::wstring> lostServices_;
+    std::set<std::wstring> reregistering_;
 
     /// The threads that run the listeners and let go of the polls' mailboxes; see
     /// DeliveryThreads. Shared so that a delivery thread on which this object is destroyed

@@ -5,8 +5,10 @@
 #include <TolvaCore/QxPlatformApi.h>
 
 #include "private/ApiDefaults.h"
+#include "private/BearerText.h"
 #include "private/DeliveryThreads.h"
 #include "private/MailboxListenerWithWait.h"
+#include "private/MailboxRegistry.h"
 #include "private/PollDelivery.h"
 #include "private/RestCall.h"
 #include "private/StatisticsRecorder.h"
@@ -50,10 +52,11 @@ using SteadyClock = std::chrono::steady_clock;
 // lives. On the object's own token they would pile up for the object's whole life; on a poll's
 // token they go with the poll.
 struct QxPlatformApi::PollContext {
-    PollContext(std::shared_ptr<Mailbox> polled, std::wstring id,
+    PollContext(std::shared_ptr<MailboxLife> polled, std::string bearerText,
                 const pplx::cancellation_token& stopping)
-        : mailbox(std::move(polled)),
-          mailboxId(std::move(id)),
+        : life(std::move(polled)),
+          mailboxId(life->id),
+          bearer(std::move(bearerText)),
           stoppingToken(stopping),
           stopRegistration(
               stoppingToken.register_callback([source = cancellation] { source.cancel(); })) {}
@@ -61,8 +64,11 @@ struct QxPlatformApi::PollContext {
     // Called once, when the poll ends: the object's source no longer needs to reach this poll.
     void endCancellation() { stoppingToken.deregister_callback(stopRegistration); }
 
-    std::shared_ptr<Mailbox> mailbox;
+    std::shared_ptr<MailboxLife> life;
     std::wstring mailboxId;
+    // The Authorization value it was sent with: a 401 renews the token only if it is still
+    // this one.
+    std::string bearer;
     // When the platform's answer arrived, for the answer-to-listener latency.
     SteadyClock::time_point answeredAt;
     pplx::cancellation_token_source cancellation;
@@ -77,24 +83,30 @@ void QxPlatformApi::queryLauncherThreadLoop() {
                 std::printf("MAILBOX IS NO LONGER RUNNING!!!!!!!!");
                 return;
             }
-            std::shared_ptr<Mailbox> mailbox;
-            while (!mailbox) {
-                queueDuePollRetries();
+            std::shared_ptr<MailboxLife> life;
+            while (!life) {
+                registry_->queueDueRetries();
                 // Infinite unless a retry is waiting; a new retry puts an empty pointer into
                 // the queue to wake this wait, and an empty pointer is simply skipped.
-                const SteadyClock::time_point deadline = nextPollRetryDeadline();
+                const SteadyClock::time_point deadline = registry_->nextRetryDeadline();
+                std::shared_ptr<Mailbox> mailbox;
                 {
                     std::unique_lock<std::mutex> lock(mailboxQueue_->getMutex());
                     mailboxQueue_->getObjectNoLock(lock, mailbox, deadline, 0, false);
                 }
                 if (!running_) {
+                    deliveryThreads_->release(std::move(mailbox));
                     return;
                 }
+                // A queue entry whose mailbox is not queued in the registry (deleted, created
+                // again, already polling) is stale and skipped.
+                life = registry_->takeForPoll(mailbox);
+                // This thread never lets go of a last reference (whose listener may hold this
+                // object, which this thread cannot destroy: the destructor joins it).
+                deliveryThreads_->release(std::move(mailbox));
             }
-            // Handed over whole: this thread keeps no reference to the mailbox, so that it
-            // never lets go of the last one (whose listener may hold this object, which this
-            // thread cannot destroy: the destructor joins it).
-            startPoll(std::move(mailbox));
+            // Handed over whole: this thread keeps no reference once the poll is started.
+            startPoll(std::move(life));
         } catch (const std::exception& e) {
             ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
                           widen(e.what()));
@@ -103,15 +115,29 @@ void QxPlatformApi::queryLauncherThreadLoop() {
 }
 
 void QxPlatformApi::retrieveMail(const std::shared_ptr<Mailbox>& mailbox) {
-    startPoll(mailbox);
+    std::shared_ptr<Mailbox> taken = mailbox;
+    std::shared_ptr<MailboxLife> life = registry_->takeForPoll(taken);
+    if (life) {
+        startPoll(std::move(life));
+    }
 }
 
-void QxPlatformApi::startPoll(std::shared_ptr<Mailbox> mailbox) {
-    const std::wstring mailboxId = widen(boost::uuids::to_string(mailbox->getId()));
+void QxPlatformApi::startPoll(std::shared_ptr<MailboxLife> life) {
+    const std::wstring mailboxId = life->id;
     bool counted = false;
-    bool sent = false;
     std::shared_ptr<PollContext> poll;
     try {
+        // A poll uses the token as it stands: the heartbeat and the other calls renew it. In
+        // resilient mode a poll without a token is not sent (it would be refused and, with
+        // the default rules, drop the mailbox): it waits for one.
+        const std::string bearer = bearerAuthorization();
+        if (BearerText::isEmpty(bearer) && registry_->mode() == RecoveryMode::Resilient) {
+            const auto action = registry_->afterPoll(life, MailboxRegistry::Outcome::NoToken, 0,
+                                                     L"no access token yet");
+            followUp(static_cast<int>(action), life, std::string());
+            registry_->letGo(std::move(life));
+            return;
+        }
         RestCall call(web::http::methods::GET, std::string(ApiDefaults::kNotificationsPath) + "/" +
                                                    narrow(mailboxId) + ApiDefaults::kPollQuery);
         {
@@ -120,16 +146,13 @@ void QxPlatformApi::startPoll(std::shared_ptr<Mailbox> mailbox) {
             statistics_->pollsInFlight = pollsInFlight_;
             counted = true;
         }
-        poll = std::make_shared<PollContext>(std::move(mailbox), mailboxId,
-                                             receptionCancellation_.get_token());
-        // A poll uses the token as it stands: the heartbeat and the other calls renew it.
+        poll = std::make_shared<PollContext>(life, bearer, receptionCancellation_.get_token());
         call.header("User-Agent", RestCall::kUserAgent)
-            .header("Authorization", bearerAuthorization())
+            .header("Authorization", bearer)
             .cancellation(poll->cancellation.get_token());
 
         // Counted before it leaves: a snapshot never sees an outcome without its poll.
         StatisticsRecorder::bump(statistics_->pollsSent);
-        sent = true;
         // Every outcome is taken by the last continuation, so no task of a poll ever ends
         // holding an exception nobody observes (that would end the process).
         pplx::task<void> receptionTask =
@@ -137,71 +160,63 @@ void QxPlatformApi::startPoll(std::shared_ptr<Mailbox> mailbox) {
                 .then([this, poll](pplx::task<http_response> responseTask) {
                     return handlePollResponse(poll, responseTask);
                 })
-                .then([this, poll, mailboxId](pplx::task<void> outcome) {
+                .then([this, poll](pplx::task<void> outcome) {
                     try {
                         outcome.get();
                     } catch (const pplx::task_canceled&) {
                         // Stopped with the object; nothing to report.
                         StatisticsRecorder::bump(statistics_->pollsCancelled);
                     } catch (const std::exception& e) {
-                        countUnreadablePoll();
-                        ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
-                                      L"Mailbox " + mailboxId + L" stopped receiving mail: " +
-                                          widen(e.what()));
+                        const std::wstring text = widen(e.what());
+                        registry_->afterPoll(poll->life, MailboxRegistry::Outcome::Unreadable, 0,
+                                             text);
+                        ZU_LOG_CAPPED(
+                            logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
+                            L"Mailbox " + poll->mailboxId + L" stopped receiving mail: " + text);
                     } catch (...) {
-                        countUnreadablePoll();
+                        registry_->afterPoll(poll->life, MailboxRegistry::Outcome::Unreadable, 0,
+                                             L"unknown failure");
                         ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
-                                      L"Mailbox " + mailboxId + L" stopped receiving mail.");
+                                      L"Mailbox " + poll->mailboxId + L" stopped receiving mail.");
                     }
                     poll->endCancellation();
-                    // The poll's own reference to the mailbox (unless its mail took it to a
-                    // delivery thread) may be the last one, and its listener may hold this
-                    // object: it goes on a delivery thread, never on this pool thread.
-                    deliveryThreads_->release(std::move(poll->mailbox));
+                    // The poll's own reference to the mailbox may be the last one, and its
+                    // listener may hold this object: it goes on a delivery thread, never on
+                    // this pool thread.
+                    registry_->letGo(std::move(poll->life));
                     // Nothing of this object is used after this (see PollContext).
                     pollEnded();
                 });
         // From here the chain's last continuation ends the poll's count.
         counted = false;
+        registry_->pollStarted(life, receptionTask, poll->cancellation);
         poll.reset();
-
-        std::lock_guard<std::mutex> lock(mailboxTableMutex_);
-        const auto entry = mailboxTable_.find(mailboxId);
-        if (entry != mailboxTable_.end()) {
-            entry->second.receptionTask = receptionTask;
-        }
+        registry_->letGo(std::move(life));
     } catch (const std::exception& e) {
-        if (sent) {
-            StatisticsRecorder::bump(statistics_->pollsTransportFailures);
-        }
-        abandonPoll(counted, poll, std::move(mailbox),
-                    L"Exception message : \"" + widen(e.what()) + L"\".", mailboxId);
+        abandonPoll(counted, poll, std::move(life),
+                    L"Exception message : \"" + widen(e.what()) + L"\".");
     } catch (...) {
-        if (sent) {
-            StatisticsRecorder::bump(statistics_->pollsTransportFailures);
-        }
-        abandonPoll(counted, poll, std::move(mailbox), L"Unknown exception.", mailboxId);
+        abandonPoll(counted, poll, std::move(life), L"Unknown exception.");
     }
 }
 
 void QxPlatformApi::abandonPoll(bool counted, const std::shared_ptr<PollContext>& poll,
-                                std::shared_ptr<Mailbox> mailbox, const std::wstring& reason,
-                                const std::wstring& mailboxId) {
+                                std::shared_ptr<MailboxLife> life, const std::wstring& reason) {
     if (counted) {
         if (poll) {
             poll->endCancellation();
-            mailbox = std::move(poll->mailbox);
         }
         pollEnded();
     }
-    StatisticsRecorder::bump(statistics_->mailboxesDroppedNotStarted);
-    DebugLog::error(L"Mailbox with id : " + mailboxId + L" cannot receive mail anymore. " + reason);
-    deliveryThreads_->release(std::move(mailbox));
-}
-
-void QxPlatformApi::countUnreadablePoll() {
-    StatisticsRecorder::bump(statistics_->mailboxesDroppedUnreadable);
-    StatisticsRecorder::bump(statistics_->pollsUnreadable);
+    if (!life && poll) {
+        life = poll->life;
+    }
+    if (!life) {
+        return;
+    }
+    DebugLog::error(L"Mailbox with id : " + life->id + L" cannot receive mail anymore. " + reason);
+    registry_->afterPoll(life, MailboxRegistry::Outcome::NotStarted, 0, reason);
+    registry_->letGo(std::move(life));
 }
 
 bool QxPlatformApi::isStopping() const {
@@ -210,52 +225,36 @@ bool QxPlatformApi::isStopping() const {
 
 pplx::task<void> QxPlatformApi::handlePollResponse(const std::shared_ptr<PollContext>& poll,
                                                    pplx::task<http_response> responseTask) {
-    const std::wstring& mailboxId = poll->mailboxId;
     http_response response;
     try {
         response = responseTask.get();
     } catch (const std::exception& e) {
         // Cancelling a request fails it with the HTTP library's "operation canceled" error,
-        // not with task_canceled: a stopping object is told apart by its flag and token.
+        // not with task_canceled: a stopping object is told apart by its flag and token, and a
+        // deleted mailbox by its record.
         if (isStopping()) {
             throw pplx::task_canceled();
         }
-        StatisticsRecorder::bump(statistics_->pollsTransportFailures);
-        schedulePollRetry(poll->mailbox, mailboxId, e);
+        const std::wstring text = widen(e.what());
+        const auto action =
+            registry_->afterPoll(poll->life, MailboxRegistry::Outcome::TransportFailure, 0, text);
+        followUp(static_cast<int>(action), poll->life, poll->bearer);
         return pplx::task_from_result();
     }
 
     poll->answeredAt = SteadyClock::now();
     const web::http::status_code status = response.status_code();
-    if (status == status_codes::OK || status == status_codes::NoContent) {
-        {
-            std::lock_guard<std::mutex> lock(pollsMutex_);
-            pollFailures_.erase(mailboxId);
-        }
-        if (status == status_codes::NoContent) {
-            StatisticsRecorder::bump(statistics_->pollsEmpty);
-            mailboxQueue_->putObject(poll->mailbox, ZU_TIMEOUT_INFINITE);
-            return pplx::task_from_result();
-        }
+    if (status == status_codes::OK) {
         return response.extract_json(true).then(
             [this, poll](pplx::task<value> bodyTask) { handlePollBody(poll, bodyTask); });
     }
-
-    StatisticsRecorder::bump(statistics_->pollsStatusFailures);
-    // Only the mailbox table's own lock: see mailboxTableMutex_.
-    std::lock_guard<std::mutex> lock(mailboxTableMutex_);
-    const auto entry = mailboxTable_.find(mailboxId);
-    if (entry != mailboxTable_.end()) {
-        DebugLog::error(L"Received status code " + std::to_wstring(status) +
-                        L" when attempting to get mail for mailbox : " + mailboxId +
-                        L". Will delete mailbox.");
-        // Only dropped here: the platform is not asked to delete anything. The poll still
-        // holds the mailbox, so this is not the last reference to it.
-        mailboxTable_.erase(entry);
-        forgetPollStateLocked(mailboxId);
-        statistics_->mailboxesLive = mailboxTable_.size();
-        StatisticsRecorder::bump(statistics_->mailboxesDroppedByStatus);
-    }
+    const auto action =
+        status == status_codes::NoContent
+            ? registry_->afterPoll(poll->life, MailboxRegistry::Outcome::Empty)
+            : registry_->afterPoll(
+                  poll->life, MailboxRegistry::Outcome::Status, status,
+                  L"answered " + std::to_wstring(status) + L" " + widen(response.reason_phrase()));
+    followUp(static_cast<int>(action), poll->life, poll->bearer);
     return pplx::task_from_result();
 }
 
@@ -267,110 +266,72 @@ void QxPlatformApi::handlePollBody(const std::shared_ptr<PollContext>& poll,
     } catch (const web::http::http_exception& e) {
         // The connection failed while the body was read: a transport failure like any other.
         // Anything else (not JSON, text that cannot be converted) is the reply's own fault and
-        // takes the mailbox out of the cycle, as a body that is not an array does.
+        // stops the mailbox, as a body that is not an array does.
         if (isStopping()) {
             throw pplx::task_canceled();
         }
-        StatisticsRecorder::bump(statistics_->pollsTransportFailures);
-        schedulePollRetry(poll->mailbox, poll->mailboxId, e);
+        const auto action = registry_->afterPoll(
+            poll->life, MailboxRegistry::Outcome::TransportFailure, 0, widen(e.what()));
+        followUp(static_cast<int>(action), poll->life, poll->bearer);
         return;
     }
 
     // Read here, delivered on a delivery thread: listeners are host code and may block, post,
     // wait for a reply or let go of this object, none of which a pool thread may do. The job
     // uses nothing of this object, since this object may end while the job runs (on that very
-    // thread); it queues the mailbox for its next poll once every listener has returned, so a
-    // mailbox's mail stays in order.
+    // thread); it hands the mailbox back to the registry once every listener has returned, so
+    // a mailbox's mail stays in order.
     PollMail mail = readPollBody(body);
+    MailboxRegistry::Action action = MailboxRegistry::Action::None;
     if (mail.failed) {
-        countUnreadablePoll();
         // Said here, while the poll is still counted: the object's end waits for this, not for
         // the delivery job, which it may drop. The mail read before the fault is still
         // delivered; the mailbox is not polled again.
-        ZU_LOG_CAPPED(
-            logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
-            L"Mailbox " + poll->mailboxId + L" stopped receiving mail: " + widen(mail.failure));
+        const std::wstring text = widen(mail.failure);
+        registry_->afterPoll(poll->life, MailboxRegistry::Outcome::Unreadable, 0, text);
+        ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
+                      L"Mailbox " + poll->mailboxId + L" stopped receiving mail: " + text);
         if (mail.mail.empty()) {
             return;
         }
     } else {
-        StatisticsRecorder::bump(mail.mail.empty() ? statistics_->pollsEmpty
-                                                   : statistics_->pollsWithMail);
+        action =
+            registry_->afterPoll(poll->life, mail.mail.empty() ? MailboxRegistry::Outcome::Empty
+                                                               : MailboxRegistry::Outcome::Mail);
+        if (action != MailboxRegistry::Action::Deliver) {
+            // Empty, or the mailbox was deleted meanwhile: nothing to hand over.
+            return;
+        }
     }
-    auto job = [mailbox = std::move(poll->mailbox), mail = std::move(mail), queue = mailboxQueue_,
+    auto job = [life = poll->life, mail = std::move(mail), registry = registry_,
                 statistics = statistics_, answeredAt = poll->answeredAt] {
-        if (!mail.mail.empty()) {
+        // Mail of a mailbox the host deleted (or created again) meanwhile is not delivered.
+        if (registry->mayDeliver(life)) {
             statistics->pollAnswerToListener.add(SteadyClock::now() - answeredAt);
+            const std::uint64_t exceptionsBefore = listenerExceptionsOnThisThread();
+            deliverPollMail(mail, *life->mailbox);
+            StatisticsRecorder::bump(statistics->mailDelivered, mail.mail.size());
+            StatisticsRecorder::bump(statistics->listenerExceptions,
+                                     listenerExceptionsOnThisThread() - exceptionsBefore);
         }
-        const std::uint64_t exceptionsBefore = listenerExceptionsOnThisThread();
-        deliverPollMail(mail, *mailbox);
-        StatisticsRecorder::bump(statistics->mailDelivered, mail.mail.size());
-        StatisticsRecorder::bump(statistics->listenerExceptions,
-                                 listenerExceptionsOnThisThread() - exceptionsBefore);
-        if (!mail.failed) {
-            queue->putObject(mailbox, ZU_TIMEOUT_INFINITE);
-        }
+        registry->afterDelivery(life);
     };
     // Refused only while this object stops; the mail is then dropped with the job.
     deliveryThreads_->post(std::move(job));
 }
 
-void QxPlatformApi::schedulePollRetry(const std::shared_ptr<Mailbox>& mailbox,
-                                      const std::wstring& mailboxId,
-                                      const std::exception& failure) {
-    std::chrono::milliseconds delay = ApiDefaults::kPollRetryFirstDelay;
-    {
-        // A mailbox deleted meanwhile is not polled again. Both locks are leaves, taken in
-        // this order everywhere, and held for bookkeeping only.
-        std::lock_guard<std::mutex> tableLock(mailboxTableMutex_);
-        if (mailboxTable_.find(mailboxId) == mailboxTable_.end()) {
-            return;
-        }
-        std::lock_guard<std::mutex> lock(pollsMutex_);
-        const unsigned int failures = ++pollFailures_[mailboxId];
-        for (unsigned int i = 1; i < failures && delay < ApiDefaults::kPollRetryLongestDelay; ++i) {
-            delay *= 2;
-        }
-        delay = std::min(delay, ApiDefaults::kPollRetryLongestDelay);
-        pollRetries_.emplace(SteadyClock::now() + delay, PollRetry{mailbox, mailboxId});
+void QxPlatformApi::followUp(int action, const std::shared_ptr<MailboxLife>& life,
+                             const std::string& bearerSent) {
+    switch (static_cast<MailboxRegistry::Action>(action)) {
+        case MailboxRegistry::Action::RenewToken:
+            requestTokenRenewal(bearerSent);
+            break;
+        case MailboxRegistry::Action::Recreate:
+            recovery_->post([this, life] { recreateMailbox(life); });
+            break;
+        default:
+            break;
     }
-    StatisticsRecorder::bump(statistics_->transportRetries);
-    ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
-                  L"Poll of mailbox " + mailboxId + L" failed, polling again in " +
-                      std::to_wstring(delay.count()) + L" ms: " + widen(failure.what()));
-    // Wakes the polling thread so that it waits for this retry's due time.
-    mailboxQueue_->putObject(nullptr, ZU_TIMEOUT_INFINITE);
-}
-
-void QxPlatformApi::forgetPollStateLocked(const std::wstring& mailboxId) {
-    std::lock_guard<std::mutex> lock(pollsMutex_);
-    pollFailures_.erase(mailboxId);
-    for (auto it = pollRetries_.begin(); it != pollRetries_.end();) {
-        it = it->second.mailboxId == mailboxId ? pollRetries_.erase(it) : std::next(it);
-    }
-}
-
-void QxPlatformApi::queueDuePollRetries() {
-    std::vector<std::shared_ptr<Mailbox>> due;
-    {
-        std::lock_guard<std::mutex> lock(pollsMutex_);
-        const auto end = pollRetries_.upper_bound(SteadyClock::now());
-        for (auto it = pollRetries_.begin(); it != end; ++it) {
-            due.push_back(it->second.mailbox);
-        }
-        pollRetries_.erase(pollRetries_.begin(), end);
-    }
-    for (const auto& mailbox : due) {
-        mailboxQueue_->putObject(mailbox, ZU_TIMEOUT_INFINITE);
-    }
-}
-
-SteadyClock::time_point QxPlatformApi::nextPollRetryDeadline() {
-    std::lock_guard<std::mutex> lock(pollsMutex_);
-    if (pollRetries_.empty()) {
-        return Varkel::Zu::CommonUtil::msDelayToTimePoint(ZU_TIMEOUT_INFINITE);
-    }
-    return pollRetries_.begin()->first;
 }
 
 void QxPlatformApi::pollEnded() {
@@ -387,7 +348,6 @@ void QxPlatformApi::pollEnded() {
 void QxPlatformApi::waitForPollsToEnd() {
     std::unique_lock<std::mutex> lock(pollsMutex_);
     pollsEnded_.wait(lock, [this] { return pollsInFlight_ == 0; });
-    pollRetries_.clear();
 }
 
 std::wstring QxPlatformApi::postNotificationAndWaitForReply(
@@ -397,9 +357,23 @@ std::wstring QxPlatformApi::postNotificationAndWaitForReply(
     const auto mailbox = Varkel::Zu::MakeShared::create<Mailbox>();
     mailbox->addListener(listener);
     createMailbox(mailbox, replyTopic);
-    // When the post fails the temporary mailbox is left as it is: created on the platform,
-    // registered here and polled. Callers rely on this operation not hiding that.
-    postNotification(topic, content, 0);
+    try {
+        postNotification(topic, content, 0);
+    } catch (...) {
+        // By default the temporary mailbox is left as it is when the post fails: created on
+        // the platform, registered here and polled, as callers of this operation expect. In
+        // resilient mode it is deleted; a failure to delete it is logged by deleteMailbox.
+        if (registry_->mode() == RecoveryMode::Resilient) {
+            try {
+                deleteMailbox(mailbox);
+            } catch (const std::exception& e) {
+                ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
+                              L"The reply mailbox of a failed request could not be deleted: " +
+                                  widen(e.what()));
+            }
+        }
+        throw;
+    }
     const std::wstring reply = listener->waitForReply(deadline);
     deleteMailbox(mailbox);
     return reply;

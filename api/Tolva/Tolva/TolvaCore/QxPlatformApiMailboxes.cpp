@@ -3,6 +3,7 @@
 #include <TolvaCore/QxPlatformApi.h>
 
 #include "private/ApiDefaults.h"
+#include "private/MailboxRegistry.h"
 #include "private/RestCall.h"
 #include "private/StatisticsRecorder.h"
 #include "private/TopicText.h"
@@ -54,6 +55,26 @@ void QxPlatformApi::createMailbox(const std::shared_ptr<Mailbox>& mailbox,
         throw std::invalid_argument("Invalid mailbox id");
     }
     checkMailboxArguments(*mailbox, subscription);
+    postMailboxCreation(mailbox, subscription);
+
+    {
+        // The object lock makes this wait for a heartbeat pass under way, as every mailbox
+        // call of a caller does; the registry has a lock of its own.
+        std::lock_guard<std::mutex> lock(objectLock_);
+        registry_->enter(mailbox, idText(*mailbox), subscription);
+    }
+    StatisticsRecorder::bump(statistics_->mailboxesCreated);
+
+    std::lock_guard<std::mutex> lock(objectLock_);
+    if (!queryLauncherThread_) {
+        // The raw this stays valid: the destructor joins this thread before any member goes.
+        queryLauncherThread_ = Varkel::Zu::Thread::create(L"Mailbox polling thread",
+                                                          [this] { queryLauncherThreadLoop(); });
+    }
+}
+
+void QxPlatformApi::postMailboxCreation(const std::shared_ptr<Mailbox>& mailbox,
+                                        const std::wstring& subscription) {
     validateToken();
 
     const std::wstring mailboxId = idText(*mailbox);
@@ -86,25 +107,6 @@ void QxPlatformApi::createMailbox(const std::shared_ptr<Mailbox>& mailbox,
             })
             .get();
     });
-
-    {
-        // The object lock makes this wait for a heartbeat pass under way, as every mailbox
-        // call of a caller does; the table has a lock of its own (see mailboxTableMutex_).
-        std::lock_guard<std::mutex> lock(objectLock_);
-        std::lock_guard<std::mutex> tableLock(mailboxTableMutex_);
-        mailboxTable_[mailboxId] = MailboxEntry{mailbox, pplx::task<void>()};
-        mailboxCreated_ = true;
-        statistics_->mailboxesLive = mailboxTable_.size();
-    }
-    StatisticsRecorder::bump(statistics_->mailboxesCreated);
-    mailboxQueue_->putObject(mailbox, ZU_TIMEOUT_INFINITE);
-
-    std::lock_guard<std::mutex> lock(objectLock_);
-    if (!queryLauncherThread_) {
-        // The raw this stays valid: the destructor joins this thread before any member goes.
-        queryLauncherThread_ = Varkel::Zu::Thread::create(L"Mailbox polling thread",
-                                                          [this] { queryLauncherThreadLoop(); });
-    }
 }
 
 namespace {
@@ -159,6 +161,8 @@ void QxPlatformApi::changeSubscription(const std::shared_ptr<const Mailbox>& mai
             ZU_LOG_DEBUG(logger_, successText);
         })
         .get();
+    // Kept for creating the mailbox again should the platform lose it.
+    registry_->subscriptionChanged(idText(*mailbox), lowerCaseTopic(topic), subscribe);
 }
 
 void QxPlatformApi::deleteMailbox(const std::shared_ptr<const Mailbox>& mailbox) {
@@ -170,15 +174,13 @@ void QxPlatformApi::deleteMailbox(const std::shared_ptr<const Mailbox>& mailbox)
     bool found = false;
     {
         std::lock_guard<std::mutex> lock(objectLock_);
-        std::lock_guard<std::mutex> tableLock(mailboxTableMutex_);
-        // Erasing releases the table's reference to the mailbox and its reception task; the
-        // task still ends on its own (the destructor waits for every poll, see pollsInFlight_).
-        found = mailboxTable_.erase(mailboxId) != 0;
-        if (found) {
-            forgetPollStateLocked(mailboxId);
-            statistics_->mailboxesLive = mailboxTable_.size();
-            StatisticsRecorder::bump(statistics_->mailboxesDeleted);
-        }
+        // Out of the table, and polled no more, before the request leaves: its outstanding
+        // poll is cancelled, whatever the platform answers the DELETE. In resilient mode a
+        // mailbox stopped by a poll's status can still be deleted.
+        found = registry_->beginDelete(mailboxId, registry_->mode() == RecoveryMode::Resilient);
+    }
+    if (found) {
+        StatisticsRecorder::bump(statistics_->mailboxesDeleted);
     }
     if (!found) {
         ZU_THROW(Varkel::Zu::InvalidArgumentException,
@@ -209,8 +211,7 @@ void QxPlatformApi::deleteMailbox(const std::shared_ptr<const Mailbox>& mailbox)
 
 bool QxPlatformApi::hasDeletedMailboxes() {
     std::lock_guard<std::mutex> lock(objectLock_);
-    std::lock_guard<std::mutex> tableLock(mailboxTableMutex_);
-    return mailboxCreated_ && mailboxTable_.empty();
+    return registry_->hasDeletedMailboxes();
 }
 
 }  // namespace Rest

@@ -3,6 +3,8 @@
 #include <TolvaCore/QxPlatformApi.h>
 
 #include "private/ApiDefaults.h"
+#include "private/DeliveryThreads.h"
+#include "private/EventDispatcher.h"
 #include "private/RestCall.h"
 #include "private/StatisticsRecorder.h"
 
@@ -94,6 +96,7 @@ void QxPlatformApi::unregisterService(const std::wstring& serviceId) {
         serviceSecret = entry->second->serviceSecret;
         // Forgotten before the request leaves, whatever the platform answers.
         serviceTable_.erase(entry);
+        lostServices_.erase(serviceId);
         statistics_->serviceUnregistered(serviceId);
     }
 
@@ -167,7 +170,33 @@ void QxPlatformApi::heartbeatPass() {
     validateToken();
     // One heartbeat at a time, in id order, each answered before the next leaves.
     for (const auto& service : copyServiceTable()) {
-        sendHeartbeat(service.serviceId, service.serviceSecret);
+        const int status = sendHeartbeat(service.serviceId, service.serviceSecret);
+        if (status == status_codes::NotFound) {
+            serviceLost(service.serviceId, status);
+        }
+    }
+}
+
+void QxPlatformApi::serviceLost(const std::wstring& serviceId, int status) {
+    bool tell = false;
+    bool registerAgain = false;
+    {
+        std::lock_guard<std::mutex> tableLock(serviceTableMutex_);
+        tell = lostServices_.insert(serviceId).second;
+        if (recoveryMode() == RecoveryMode::Resilient) {
+            registerAgain = reregistering_.insert(serviceId).second;
+        }
+    }
+    if (tell) {
+        ApiEvent event;
+        event.kind = ApiEvent::Kind::ServiceRegistrationLost;
+        event.subject = serviceId;
+        event.httpStatus = status;
+        event.reason = L"a heartbeat was answered 404: the platform no longer knows the service";
+        events_->publish(std::move(event));
+    }
+    if (registerAgain) {
+        recovery_->post([this, serviceId] { registerServiceAgain(serviceId); });
     }
 }
 
@@ -181,33 +210,33 @@ std::vector<QxPlatformApi::ServiceCredentials> QxPlatformApi::copyServiceTable()
     return services;
 }
 
-void QxPlatformApi::sendHeartbeat(const std::wstring& serviceId,
-                                  const std::wstring& serviceSecret) {
-    bool beaten = false;
+int QxPlatformApi::sendHeartbeat(const std::wstring& serviceId, const std::wstring& serviceSecret) {
+    int status = 0;
     try {
         RestCall call(web::http::methods::PUT, servicePath(serviceId, serviceSecret) + "/health");
         call.header("User-Agent", RestCall::kUserAgent)
             .header("Authorization", bearerAuthorization())
             .jsonBody(value::null());
-        beaten =
-            call.sendUnchecked(currentClient())
-                .then([serviceId](const http_response& response) {
-                    if (response.status_code() == status_codes::NoContent) {
-                        DebugLog::trace(L"Heartbeat sent for service " + serviceId);
-                        return true;
-                    }
-                    ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
-                                  L"Heartbeat failed: " + std::to_wstring(response.status_code()) +
-                                      L" " + widen(response.reason_phrase()));
-                    return false;
-                })
-                .get();
+        status = call.sendUnchecked(currentClient())
+                     .then([serviceId](const http_response& response) {
+                         const int answered = response.status_code();
+                         if (answered == status_codes::NoContent) {
+                             DebugLog::trace(L"Heartbeat sent for service " + serviceId);
+                             return answered;
+                         }
+                         ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
+                                       L"Heartbeat failed: " + std::to_wstring(answered) + L" " +
+                                           widen(response.reason_phrase()));
+                         return answered;
+                     })
+                     .get();
     } catch (const std::exception& e) {
         // A failing service never stops the pass: the next one is sent all the same.
         ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
                       L"Heartbeat failed" + widen(e.what()));
     }
-    statistics_->heartbeat(serviceId, beaten);
+    statistics_->heartbeat(serviceId, status == status_codes::NoContent);
+    return status;
 }
 
 }  // namespace Rest

@@ -8,11 +8,14 @@
 #include "private/RestCall.h"
 #include "private/StatisticsRecorder.h"
 
+#include "private/EventDispatcher.h"
+
 #include <ZuCore/Base64.h>
 #include <ZuCore/DebugLog.h>
 #include <ZuCore/LogMacros.h>
 #include <ZuCore/StringConversion.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <iostream>
 #include <stdexcept>
@@ -49,20 +52,69 @@ bool QxPlatformApi::isTokenDue(const Token& token, Token::TimePoint now) {
 void QxPlatformApi::validateToken() {
     {
         std::lock_guard<std::mutex> lock(stateMutex_);
-        if (!isTokenDue(currentToken_, Token::now())) {
+        const Token::TimePoint now = Token::now();
+        if (!isTokenDue(currentToken_, now)) {
+            return;
+        }
+        // Resilient mode keeps a still-valid token through a failed renewal; it is not asked
+        // for again at every call while the identity service fails, but after a back-off.
+        if (recoveryMode() == RecoveryMode::Resilient && !currentToken_.accessToken.empty() &&
+            currentToken_.expiresAt > now &&
+            std::chrono::steady_clock::now() < tokenRetryNotBefore_) {
             return;
         }
     }
     DebugLog::trace(L"Obtaining a new access token");
+    renewToken();
+}
+
+bool QxPlatformApi::renewToken() {
     try {
-        storeToken(getToken());
+        const Token token = getToken();
+        storeToken(token);
         StatisticsRecorder::bump(statistics_->tokenRenewals);
+        tokenRequestSucceeded();
+        return true;
     } catch (const std::exception& e) {
         StatisticsRecorder::bump(statistics_->tokenFailures);
         DebugLog::error(L"Token validation failed. " + widen(e.what()));
         ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
                       L"Token validation failed. " + widen(e.what()));
+        tokenRequestFailed(e);
+        return false;
     }
+}
+
+void QxPlatformApi::tokenRequestFailed(const std::exception& failure) {
+    {
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        tokenRetryFailures_ = std::min(tokenRetryFailures_ + 1, 6u);
+        // 1 s, doubling to 32 s.
+        tokenRetryNotBefore_ = std::chrono::steady_clock::now() +
+                               std::chrono::seconds(1u << (tokenRetryFailures_ - 1));
+    }
+    if (tokenFailing_.exchange(true)) {
+        return;
+    }
+    ApiEvent event;
+    event.kind = ApiEvent::Kind::TokenRenewalFailed;
+    event.reason = widen(failure.what());
+    events_->publish(std::move(event));
+}
+
+void QxPlatformApi::tokenRequestSucceeded() {
+    {
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        tokenRetryFailures_ = 0;
+        tokenRetryNotBefore_ = std::chrono::steady_clock::time_point();
+    }
+    if (!tokenFailing_.exchange(false)) {
+        return;
+    }
+    ApiEvent event;
+    event.kind = ApiEvent::Kind::TokenRenewalRecovered;
+    event.reason = L"a new access token was obtained";
+    events_->publish(std::move(event));
 }
 
 Token QxPlatformApi::getToken() {
@@ -109,7 +161,15 @@ Token QxPlatformApi::getToken() {
         std::cout << "####### Get token failed: " << e.what() << std::endl;
         ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
                       L"Get token failed " + widen(e.what()));
-        clearToken();
+        // Resilient mode keeps a token that is still valid: requests go on with it.
+        bool keep = false;
+        if (recoveryMode() == RecoveryMode::Resilient) {
+            std::lock_guard<std::mutex> lock(stateMutex_);
+            keep = !currentToken_.accessToken.empty() && currentToken_.expiresAt > Token::now();
+        }
+        if (!keep) {
+            clearToken();
+        }
         throw std::runtime_error(e.what());
     }
 

@@ -1,6 +1,8 @@
 #include <TolvaCore/QxPlatformApi.h>
 #include <TolvaCore/WebUtils.h>
 
+#include "private/BearerText.h"
+
 #include <ZuCore/Env.h>
 #include <ZuCore/InvalidArgumentException.h>
 #include <ZuCore/LogMacros.h>
@@ -128,17 +130,18 @@ std::shared_ptr<web::http::client::http_client> createHttpClient(
     auto client = TlsTrust::makeClient(web::uri(narrow(url)), config);
 
     if (api) {
-        // A weak reference: the API object owns its clients, so a strong one would keep the
-        // object alive through its own client.
-        std::weak_ptr<Rest::QxPlatformApi> weakApi = api;
-        client->add_handler([weakApi](web::http::http_request request,
-                                      std::shared_ptr<web::http::http_pipeline_stage> next) {
-            std::wstring token;
-            if (const auto currentApi = weakApi.lock()) {
-                token = currentApi->currentAccessToken();
+        // Only the token's header text is held, and weakly: the stage must never hold the API
+        // object itself, since the sending thread (a pool thread, for a host that sends from a
+        // continuation) would then be the one to let go of it, and the object's end would run
+        // there while the pool's threads are what it waits for.
+        std::weak_ptr<Rest::BearerText> weakBearer = api->bearer_;
+        client->add_handler([weakBearer](web::http::http_request request,
+                                         std::shared_ptr<web::http::http_pipeline_stage> next) {
+            std::string header = Rest::BearerText::kPrefix;
+            if (const auto bearer = weakBearer.lock()) {
+                header = bearer->get();
             }
-            request.headers().add(web::http::header_names::authorization,
-                                  narrow(L"Bearer " + token));
+            request.headers().add(web::http::header_names::authorization, header);
             return next->propagate(request);
         });
     }

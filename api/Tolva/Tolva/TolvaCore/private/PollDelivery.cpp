@@ -2,18 +2,31 @@
 
 #include <ZuCore/StringConversion.h>
 
+#include <utility>
+
 namespace Varkel {
 namespace Tolva {
 namespace Rest {
 
 namespace {
 
-// A string member of a notification, "" when it is missing.
+// A member that must be a string when present: "" when it is missing; a json_exception when
+// it is anything else.
 std::wstring memberText(const web::json::value& notification, const char* name) {
     if (!notification.is_object() || !notification.has_field(name)) {
         return L"";
     }
     return Varkel::Zu::widen(notification.at(name).as_string());
+}
+
+// A member that is used when it is a string and ignored otherwise: "" when it is missing or
+// not a string. It never ends the reading of the mail.
+std::wstring optionalMemberText(const web::json::value& notification, const char* name) {
+    if (!notification.is_object() || !notification.has_field(name)) {
+        return L"";
+    }
+    const web::json::value& member = notification.at(name);
+    return member.is_string() ? Varkel::Zu::widen(member.as_string()) : std::wstring();
 }
 
 }  // namespace
@@ -22,9 +35,13 @@ PollMail readPollBody(const web::json::value& body) {
     PollMail read;
     try {
         for (const web::json::value& notification : body.as_array()) {
-            std::wstring topic = memberText(notification, "topic");
-            std::wstring content = memberText(notification, "content");
-            read.mail.emplace_back(std::move(topic), std::move(content));
+            ReceivedNotification received;
+            received.topic = memberText(notification, "topic");
+            received.content = memberText(notification, "content");
+            received.id = optionalMemberText(notification, "id");
+            received.time = optionalMemberText(notification, "time");
+            received.source = optionalMemberText(notification, "source");
+            read.mail.push_back(std::move(received));
         }
     } catch (const web::json::json_exception& e) {
         read.failed = true;
@@ -34,8 +51,8 @@ PollMail readPollBody(const web::json::value& body) {
 }
 
 void deliverPollMail(const PollMail& mail, Mailbox& mailbox) {
-    for (const auto& notification : mail.mail) {
-        mailbox.receiveMail(notification.first, notification.second);
+    for (const ReceivedNotification& notification : mail.mail) {
+        mailbox.receiveNotification(notification);
     }
 }
 

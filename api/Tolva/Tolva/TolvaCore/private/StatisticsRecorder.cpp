@@ -1,5 +1,7 @@
 #include "StatisticsRecorder.h"
 
+#include "MailboxRegistry.h"
+
 #include "DeliveryThreads.h"
 
 #include <algorithm>
@@ -91,6 +93,11 @@ ApiStatistics StatisticsRecorder::snapshot() const {
     stats.mailboxesDroppedNotStarted = mailboxesDroppedNotStarted.load();
     stats.transportRetries = transportRetries.load();
     stats.pollsCancelled = pollsCancelled.load();
+    stats.pollsEndedByDeletion = pollsEndedByDeletion.load();
+    stats.statusRetries = statusRetries.load();
+    stats.pollsWaitingForToken = pollsWaitingForToken.load();
+    stats.mailboxesRecreated = mailboxesRecreated.load();
+    stats.servicesRegisteredAgain = servicesRegisteredAgain.load();
     stats.pollsUnreadable = pollsUnreadable.load();
     stats.pollsStatusFailures = pollsStatusFailures.load();
     stats.pollsTransportFailures = pollsTransportFailures.load();
@@ -126,7 +133,14 @@ ApiStatistics StatisticsRecorder::snapshot() const {
     if (const auto threads = deliveryThreads_.lock()) {
         stats.deliveryBacklog = threads->queuedCount();
     }
+    if (const auto registry = registry_.lock()) {
+        stats.mailboxes = registry->views();
+    }
     return stats;
+}
+
+void StatisticsRecorder::setMailboxViews(std::weak_ptr<MailboxRegistry> registry) {
+    registry_ = std::move(registry);
 }
 
 }  // namespace Rest

@@ -24,6 +24,7 @@ namespace Tolva {
 namespace Rest {
 
 class DeliveryThreads;
+class MailboxRegistry;
 
 // The most recent ApiStatistics::kLatencyWindow durations of one kind.
 class LatencyWindow {
@@ -56,6 +57,10 @@ class StatisticsRecorder {
 
     ApiStatistics snapshot() const;
 
+    // Where snapshots read the per-mailbox view from; the registry outlives no snapshot it is
+    // asked for, since it is held weakly.
+    void setMailboxViews(std::weak_ptr<MailboxRegistry> registry);
+
     Counter postsSent{0};
     Counter postsFailed{0};
     Counter pollsSent{0};
@@ -65,6 +70,11 @@ class StatisticsRecorder {
     Counter pollsStatusFailures{0};
     Counter pollsUnreadable{0};
     Counter pollsCancelled{0};
+    Counter pollsEndedByDeletion{0};
+    Counter pollsWaitingForToken{0};
+    Counter statusRetries{0};
+    Counter mailboxesRecreated{0};
+    Counter servicesRegisteredAgain{0};
     Counter transportRetries{0};
     Counter mailDelivered{0};
     Counter listenerExceptions{0};
@@ -91,6 +101,8 @@ class StatisticsRecorder {
 
     const std::chrono::steady_clock::time_point madeAt_ = std::chrono::steady_clock::now();
     const std::weak_ptr<DeliveryThreads> deliveryThreads_;
+    // Set once, before the object is shared with any other thread.
+    std::weak_ptr<MailboxRegistry> registry_;
     mutable std::mutex servicesMutex_;
     std::map<std::wstring, ServiceCounts> services_;
     std::uint64_t heartbeatsSent_ = 0;
