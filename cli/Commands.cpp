@@ -27,9 +27,15 @@ const std::vector<Command>& commands() {
           "Print every notification published on the topics, as it arrives.",
           "Creates a mailbox subscribed to every TOPIC and prints each notification on a line\n"
           "(\"topic: content\", or a JSON object with --json). Ends on Ctrl-C, after --count\n"
-          "notifications or after --timeout seconds, and deletes the mailbox. When the platform\n"
-          "loses the mailbox (restarted, say), a new one is created. Exit status 1 when --count\n"
-          "was given and fewer notifications arrived.",
+          "notifications or after --timeout seconds, and deletes the mailbox.\n"
+          "The library rides out outages itself: when the platform loses the mailbox\n"
+          "(restarted, say) it creates the same mailbox again with its subscriptions, and polls\n"
+          "answered 401, 429, 502, 503 or 504 are tried again after a back-off. What it does is\n"
+          "printed on standard error as it happens, one event a line (\"tolva: event ...\", or\n"
+          "{\"event\": ...} with --json). A poll answer it cannot recover from stops the\n"
+          "mailbox: the command then deletes it and ends. Exit status 1 when the mailbox was\n"
+          "stopped or could not be deleted, or when --count was given and fewer notifications\n"
+          "arrived.",
           {{"count", "N", "stop after N notifications"},
            {"timeout", "SECONDS", "stop after this many seconds"},
            {"stats", "SECONDS",
@@ -53,8 +59,11 @@ const std::vector<Command>& commands() {
           "",
           "Register a service and keep it alive with heartbeats until Ctrl-C.",
           "The library sends a heartbeat every 5 seconds. When the platform answers one with\n"
-          "404 (it lost the registration, after a restart say), the service is registered\n"
-          "again. On Ctrl-C (or after --duration) the service is unregistered.",
+          "404 (it lost the registration, after a restart say), the library registers the\n"
+          "service again and sends the heartbeats to the id the platform returns. What it does\n"
+          "is printed on standard error as it happens, one event a line (\"tolva: event ...\",\n"
+          "or {\"event\": ...} with --json). On Ctrl-C (or after --duration) the service is\n"
+          "unregistered.",
           {{"type", "TYPE", "service type (required)"},
            {"instance", "NAME", "service instance (required)"},
            {"address", "ADDRESS", "address the service is reached at (required)"},

@@ -2,6 +2,7 @@
 
 #include "UsageError.h"
 
+#include <TolvaCore/RecoveryMode.h>
 #include <TolvaCore/WebUtils.h>
 
 #include <ZuCore/InvalidArgumentException.h>
@@ -105,6 +106,12 @@ std::shared_ptr<Varkel::Tolva::Rest::QxPlatformApi> PlatformConnection::connect(
         throw std::runtime_error("no access token from " + url_ +
                                  (reason.empty() ? std::string() : ": " + reason));
     }
+    return api;
+}
+
+std::shared_ptr<Varkel::Tolva::Rest::QxPlatformApi> PlatformConnection::connectResilient() const {
+    auto api = connect();
+    api->setRecoveryMode(Varkel::Tolva::Rest::RecoveryMode::Resilient);
     return api;
 }
 

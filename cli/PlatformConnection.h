@@ -25,6 +25,11 @@ class PlatformConnection {
     // the library's reason when no token could be obtained.
     std::shared_ptr<Varkel::Tolva::Rest::QxPlatformApi> connect() const;
 
+    // connect() for the commands that keep the object running (listen, register): it
+    // recovers from ordinary outages itself (RecoveryMode::Resilient) instead of dropping a
+    // mailbox or a service, whatever TOLVA_RECOVERY says.
+    std::shared_ptr<Varkel::Tolva::Rest::QxPlatformApi> connectResilient() const;
+
     // Remembers the text of the library's latest error record, so that a failure the library
     // only logs can be reported. Call once at start.
     static void watchLibraryErrors();

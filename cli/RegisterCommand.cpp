@@ -1,23 +1,28 @@
-// tolva register: register a service, keep it alive until Ctrl-C, unregister it.
+// tolva register: register a service, keep it alive until Ctrl-C, unregister it. The API
+// object registers the service again itself when the platform loses it, and its events are
+// printed on standard error.
 #include "CommandSupport.h"
 #include "Commands.h"
 #include "Console.h"
+#include "EventPrinter.h"
 #include "PlatformConnection.h"
 #include "StatisticsPrinter.h"
 #include "StopSignal.h"
 #include "UsageError.h"
 
+#include <TolvaCore/ApiEvent.h>
 #include <TolvaCore/ModelServiceHealth.h>
 #include <TolvaCore/ModelServiceInfo.h>
 
-#include <ZuCore/Logger.h>
 #include <ZuCore/MakeShared.h>
 #include <ZuCore/StringConversion.h>
 #include <ZuCore/ZuUUID.h>
 
-#include <atomic>
 #include <chrono>
 #include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
 
 namespace tolva {
 
@@ -60,17 +65,48 @@ std::shared_ptr<ModelServiceInfo> describeService(const Arguments& arguments) {
     return info;
 }
 
+// The id the platform knows the service by: the one it returned at registration, then the
+// one of each registration made again after the platform lost it. Told on the library's event
+// thread, read on the main thread.
+class ServiceIdentity {
+  public:
+    explicit ServiceIdentity(std::string id) : id_(std::move(id)) {}
+
+    void see(const Varkel::Tolva::Rest::ApiEvent& event) {
+        using Kind = Varkel::Tolva::Rest::ApiEvent::Kind;
+        if (event.kind != Kind::ServiceRegisteredAgain || event.newId.empty()) {
+            return;
+        }
+        // The object holds this one service only.
+        std::lock_guard<std::mutex> lock(mutex_);
+        id_ = Varkel::Zu::narrow(event.newId);
+    }
+
+    std::string id() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return id_;
+    }
+
+  private:
+    mutable std::mutex mutex_;
+    std::string id_;
+};
+
 }  // namespace
 
 int runRegister(const Arguments& arguments) {
     const auto info = describeService(arguments);
     const long long duration = arguments.number("duration", 0, 1, 365LL * 24 * 3600);
     const StatisticsPrinter statistics(arguments);
+    const EventPrinter events(arguments);
     const PlatformConnection connection(arguments);
-    const auto api = connection.connect();
+    const auto api = connection.connectResilient();
+    const auto identity = std::make_shared<ServiceIdentity>(info->serviceId->toString());
+    events.start(*api,
+                 [identity](const Varkel::Tolva::Rest::ApiEvent& event) { identity->see(event); });
     statistics.start(api);
     api->registerService(info);
-    const std::string id = info->serviceId->toString();
+    const std::string id = identity->id();
     if (arguments.has("json")) {
         auto out = web::json::value::object();
         out["registered"] = web::json::value::boolean(true);
@@ -83,51 +119,22 @@ int runRegister(const Arguments& arguments) {
                  (duration > 0 ? "unregistering after " + std::to_string(duration) + " s"
                                : std::string("Ctrl-C to unregister")));
 
-    // A platform that lost the registration (restarted, say) answers the heartbeat 404, which
-    // the library logs; the service is then registered again. The record arrives on the
-    // heartbeat thread during a pass, so it only raises a flag for this thread.
-    const auto lost = std::make_shared<std::atomic<bool>>(false);
-    const std::size_t observer = Varkel::Zu::Logger::addRecordObserver(
-        [lost](const Varkel::Zu::Logger&, const Varkel::Zu::Logger::Level&,
-               const std::wstring& message, const Varkel::Zu::LoggerLocationInfo&) {
-            if (message.rfind(L"Heartbeat failed: 404", 0) == 0) {
-                lost->store(true);
-                StopSignal::notify();
-            }
-        });
+    // Nothing to do meanwhile: the library sends the heartbeats and, when the platform lost
+    // the registration (restarted, say), registers the service again.
     const auto deadline = duration > 0
                               ? std::chrono::steady_clock::now() + std::chrono::seconds(duration)
                               : std::chrono::steady_clock::time_point::max();
-    bool registerAgain = false;
-    while (!StopSignal::requested() && std::chrono::steady_clock::now() < deadline) {
-        StopSignal::waitUntil(
-            std::min(deadline, std::chrono::steady_clock::now() + std::chrono::seconds(1)),
-            [&lost] { return lost->load(); });
-        if (lost->exchange(false)) {
-            Console::err("tolva: the platform lost the registration; registering again");
-            registerAgain = true;
-        }
-        if (registerAgain) {
-            try {
-                api->registerService(info);
-                registerAgain = false;
-                Console::err("registered service " + id + " again");
-            } catch (const std::exception& e) {
-                // Tried again a second later.
-                Console::err(std::string("tolva: registering again failed: ") + e.what());
-            }
-        }
-    }
-    Varkel::Zu::Logger::removeRecordObserver(observer);
+    StopSignal::waitUntil(deadline, [] { return false; });
     api->unregisterAllServices();
     statistics.finish(*api);
+    const std::string last = identity->id();
     if (arguments.has("json")) {
         auto out = web::json::value::object();
         out["unregistered"] = web::json::value::boolean(true);
-        out["serviceId"] = jsonText(id);
+        out["serviceId"] = jsonText(last);
         Console::out(out.serialize());
     } else {
-        Console::out("unregistered service " + id);
+        Console::out("unregistered service " + last);
     }
     return kExitOk;
 }

@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <fstream>
+#include <functional>
 #include <sstream>
 
 namespace TolvaTest {
@@ -20,9 +21,67 @@ std::vector<std::string> lines(const std::string& text) {
     return all;
 }
 
+// Lines of `text` that start with `prefix`.
+std::vector<std::string> linesStartingWith(const std::string& text, const std::string& prefix) {
+    std::vector<std::string> found;
+    for (const auto& line : lines(text)) {
+        if (line.rfind(prefix, 0) == 0) {
+            found.push_back(line);
+        }
+    }
+    return found;
+}
+
+// The id in listen's "listening on mailbox <id>; Ctrl-C to stop" ("" when not printed yet).
+std::string listeningMailbox(const std::string& err) {
+    const std::string marker = "listening on mailbox ";
+    const auto at = err.find(marker);
+    if (at == std::string::npos) {
+        return "";
+    }
+    const auto begin = at + marker.size();
+    return err.substr(begin, err.find_first_of("; \n", begin) - begin);
+}
+
 class ToolCommands : public ToolTest {
   protected:
     std::string issuedToken() const { return emulator_.issueToken("tolva-cli"); }
+
+    web::json::value platformState() const { return web::json::value::parse(emulator_.state()); }
+
+    // The mailboxes the platform still holds.
+    std::size_t mailboxesOnThePlatform() const {
+        return platformState().at("mailboxes").as_array().size();
+    }
+
+    // Waits until `ready` holds for the platform's state or `timeout` passes.
+    bool waitForState(const std::function<bool(const web::json::value&)>& ready,
+                      std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        for (;;) {
+            const std::size_t seen = emulator_.requests().size();
+            if (ready(platformState())) {
+                return true;
+            }
+            if (std::chrono::steady_clock::now() >= deadline) {
+                return false;
+            }
+            // The state changes only with a request, but its handling may end after the
+            // request was recorded: look again on the next request or shortly.
+            emulator_.waitForRequests(seen + 1, std::chrono::milliseconds(20));
+        }
+    }
+
+    // A fault rule answering the next `times` polls of any mailbox with `status`.
+    void failPolls(int status, int times, const std::string& body) {
+        qxpemu::FaultRule rule;
+        rule.method = "GET";
+        rule.pathPattern = "/notifications/api/v1/notifications/.*";
+        rule.status = status;
+        rule.body = body;
+        rule.times = times;
+        emulator_.addFault(rule);
+    }
 };
 
 // --- token ---
@@ -181,17 +240,101 @@ TEST_F(ToolCommands, ListenWithFewerThanTheCountInTimeIsAFailure) {
     EXPECT_EQ(requestsTo("DELETE", "/notifications/api/v1/mailbox/").size(), 1u);
 }
 
-TEST_F(ToolCommands, ListenCreatesTheMailboxAgainWhenThePlatformLosesIt) {
+TEST_F(ToolCommands, ListenKeepsItsMailboxWhenThePlatformLosesIt) {
     ToolProcess listener(against({"listen", "delta", "--count", "1"}));
-    ASSERT_TRUE(waitForRequestsTo("GET", "/notifications/api/v1/notifications/", 1));
+    ASSERT_TRUE(listener.waitForError("listening on mailbox")) << listener.err();
+    const std::string id = listeningMailbox(listener.err());
+    ASSERT_EQ(id.size(), 36u) << listener.err();
+    ASSERT_TRUE(waitForRequestsTo("GET", "/notifications/api/v1/notifications/" + id, 1));
     // The platform forgets its mailboxes, as after a restart: the parked poll is answered 404.
     emulator_.reset();
-    ASSERT_TRUE(listener.waitForError("creating it again")) << listener.err();
-    ASSERT_TRUE(waitForRequestsTo("POST", "/notifications/api/v1/mailbox", 1));
-    ASSERT_TRUE(waitForRequestsTo("GET", "/notifications/api/v1/notifications/", 1));
+    ASSERT_TRUE(listener.waitForError("tolva: event mailboxRecreated " + id)) << listener.err();
+    // Created again under the same id with its subscription; no other mailbox was made.
+    const auto creates = requestsTo("POST", "/notifications/api/v1/mailbox");
+    ASSERT_EQ(creates.size(), 1u);
+    const auto body = web::json::value::parse(creates[0].body);
+    EXPECT_EQ(body.at("id").as_string(), id);
+    EXPECT_EQ(body.at("subscription").as_string(), "delta");
+
     ASSERT_EQ(runTool(against({"post", "delta", "after the restart"})).status, 0);
     EXPECT_EQ(listener.wait(), 0) << listener.err();
     EXPECT_EQ(listener.out(), "delta: after the restart\n");
+    const auto recreated = linesStartingWith(listener.err(), "tolva: event mailboxRecreated ");
+    ASSERT_EQ(recreated.size(), 1u) << listener.err();
+    EXPECT_NE(recreated[0].find("(HTTP 404)"), std::string::npos) << recreated[0];
+    EXPECT_EQ(requestsTo("DELETE", "/notifications/api/v1/mailbox/").size(), 1u);
+    EXPECT_EQ(mailboxesOnThePlatform(), 0u) << emulator_.state();
+}
+
+TEST_F(ToolCommands, ListenRidesOutBadGatewayAnswersOnTheSameMailbox) {
+    // A proxy in front of the platform answers the first three polls 502.
+    failPolls(502, 3, "bad gateway");
+    ToolProcess listener(against({"listen", "epsilon"}));
+    ASSERT_TRUE(listener.waitForError("tolva: event mailboxBackingOff ")) << listener.err();
+    ASSERT_TRUE(listener.waitForError("listening on mailbox")) << listener.err();
+    const std::string id = listeningMailbox(listener.err());
+    // The fourth poll reaches the platform and waits there for mail.
+    ASSERT_TRUE(waitForRequestsTo("GET", "/notifications/api/v1/notifications/" + id, 4));
+    ASSERT_EQ(runTool(against({"post", "epsilon", "through the gateway"})).status, 0);
+    ASSERT_TRUE(listener.waitForOutput("epsilon: through the gateway")) << listener.err();
+    ASSERT_TRUE(listener.waitForError("tolva: event mailboxPollingAgain " + id)) << listener.err();
+    listener.signal(SIGINT);
+    EXPECT_EQ(listener.wait(), 0) << listener.err();
+    EXPECT_EQ(listener.out(), "epsilon: through the gateway\n");
+
+    // Reported once for the run of failures, with the status.
+    const auto backingOff = linesStartingWith(listener.err(), "tolva: event mailboxBackingOff ");
+    ASSERT_EQ(backingOff.size(), 1u) << listener.err();
+    EXPECT_EQ(backingOff[0].rfind("tolva: event mailboxBackingOff " + id + " (HTTP 502)", 0), 0u)
+        << backingOff[0];
+    EXPECT_EQ(listener.err().find("mailboxStopped"), std::string::npos) << listener.err();
+    // One mailbox all along, deleted at the end.
+    EXPECT_EQ(requestsTo("POST", "/notifications/api/v1/mailbox").size(), 1u);
+    EXPECT_EQ(requestsTo("DELETE", "/notifications/api/v1/mailbox/").size(), 1u);
+    EXPECT_EQ(mailboxesOnThePlatform(), 0u) << emulator_.state();
+}
+
+TEST_F(ToolCommands, ListenAsJsonPrintsEachEventAsAJsonLineOnStandardError) {
+    failPolls(503, 1, "busy");
+    ToolProcess listener(against({"listen", "zeta", "--count", "1", "--json"}));
+    ASSERT_TRUE(listener.waitForError("\"event\":\"mailboxBackingOff\"")) << listener.err();
+    ASSERT_TRUE(listener.waitForError("listening on mailbox")) << listener.err();
+    const std::string id = listeningMailbox(listener.err());
+    ASSERT_TRUE(waitForRequestsTo("GET", "/notifications/api/v1/notifications/" + id, 2));
+    ASSERT_EQ(runTool(against({"post", "zeta", "json"})).status, 0);
+    EXPECT_EQ(listener.wait(), 0) << listener.err();
+
+    // Standard output holds the mail only.
+    const auto printed = lines(listener.out());
+    ASSERT_EQ(printed.size(), 1u) << listener.out();
+    EXPECT_EQ(web::json::value::parse(printed[0]).at("content").as_string(), "json");
+    const auto documents = linesStartingWith(listener.err(), "{");
+    ASSERT_GE(documents.size(), 1u) << listener.err();
+    const auto event = web::json::value::parse(documents[0]);
+    EXPECT_EQ(event.at("event").as_string(), "mailboxBackingOff");
+    EXPECT_EQ(event.at("subject").as_string(), id);
+    EXPECT_EQ(event.at("httpStatus").as_integer(), 503);
+    EXPECT_EQ(event.at("at").as_string().rfind("20", 0), 0u);
+    EXPECT_TRUE(event.has_string_field("reason"));
+    EXPECT_EQ(listener.err().find("tolva: event"), std::string::npos) << listener.err();
+    EXPECT_EQ(mailboxesOnThePlatform(), 0u) << emulator_.state();
+}
+
+TEST_F(ToolCommands, ListenEndsWhenTheMailboxIsStoppedForGood) {
+    // An answer the library does not recover from stops the mailbox.
+    failPolls(500, 1, "internal failure");
+    const auto run = runTool(against({"listen", "eta", "--timeout", "30"}));
+    EXPECT_EQ(run.status, 1) << run.err;
+    EXPECT_EQ(run.out, "");
+    const std::string id = listeningMailbox(run.err);
+    ASSERT_EQ(id.size(), 36u) << run.err;
+    EXPECT_NE(run.err.find("tolva: event mailboxStopped " + id + " (HTTP 500)"), std::string::npos)
+        << run.err;
+    EXPECT_NE(run.err.find("tolva: mailbox " + id + " was stopped (HTTP 500"), std::string::npos)
+        << run.err;
+    // Deleted all the same: nothing is left on the platform.
+    EXPECT_EQ(requestsTo("DELETE", "/notifications/api/v1/mailbox/").size(), 1u);
+    EXPECT_EQ(mailboxesOnThePlatform(), 0u) << emulator_.state();
 }
 
 // --- request ---
@@ -294,18 +437,41 @@ TEST_F(ToolCommands, RegisterRegistersAgainWhenThePlatformLosesTheService) {
     ToolProcess service(against({"register", "--type", "t", "--instance", "i", "--address",
                                  "127.0.0.1", "--port", "1", "--path-rule", "/t/"}));
     ASSERT_TRUE(service.waitForError("Ctrl-C to unregister")) << service.err();
-    // The platform forgets its services, as after a restart: the next heartbeat gets 404.
+    // The platform forgets its services, as after a restart: the next heartbeat gets 404 and
+    // the library registers the service again.
     emulator_.reset();
-    ASSERT_TRUE(service.waitForError("registering again", std::chrono::seconds(20)))
+    ASSERT_TRUE(
+        service.waitForError("tolva: event serviceRegisteredAgain ", std::chrono::seconds(20)))
         << service.err();
-    // Only the registration made again is reported on standard error, and only once the
-    // platform accepted it.
-    ASSERT_TRUE(service.waitForError("registered service ")) << service.err();
-    ASSERT_GE(requestsTo("POST", "/discovery/api/v1/service").size(), 1u);
-    EXPECT_NE(emulator_.state().find("\"serviceType\":\"t\""), std::string::npos);
+    EXPECT_NE(service.err().find("tolva: event serviceRegistrationLost "), std::string::npos)
+        << service.err();
+    const auto again = linesStartingWith(service.err(), "tolva: event serviceRegisteredAgain ");
+    ASSERT_EQ(again.size(), 1u) << service.err();
+    const auto arrow = again[0].find(" -> ");
+    ASSERT_NE(arrow, std::string::npos) << again[0];
+    const std::string newId = again[0].substr(arrow + 4, again[0].find(':', arrow) - arrow - 4);
+    ASSERT_EQ(newId.size(), 36u) << again[0];
+    EXPECT_EQ(requestsTo("POST", "/discovery/api/v1/service").size(), 1u);
+
+    // The heartbeats go on for the id the platform returned.
+    const std::string heartbeats = "/discovery/api/v1/service/" + newId + "/";
+    const std::size_t sent = requestsTo("PUT", heartbeats).size();
+    ASSERT_TRUE(waitForRequestsTo("PUT", heartbeats, sent + 1, std::chrono::seconds(20)));
+    EXPECT_TRUE(waitForState([&newId](const web::json::value& state) {
+        for (const auto& record : state.at("services").as_array()) {
+            if (record.at("serviceId").as_string() == newId &&
+                record.at("heartbeats").as_integer() >= 1) {
+                return record.at("serviceType").as_string() == "t";
+            }
+        }
+        return false;
+    })) << emulator_.state();
+
     service.signal(SIGINT);
     EXPECT_EQ(service.wait(), 0) << service.err();
-    EXPECT_EQ(requestsTo("DELETE", "/discovery/api/v1/service/").size(), 1u);
+    EXPECT_EQ(requestsTo("DELETE", heartbeats).size(), 1u);
+    EXPECT_EQ(lines(service.out()).back(), "unregistered service " + newId);
+    EXPECT_TRUE(platformState().at("services").as_array().size() == 0) << emulator_.state();
 }
 
 TEST_F(ToolCommands, RegisterChecksItsOptions) {

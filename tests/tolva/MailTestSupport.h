@@ -4,6 +4,7 @@
 
 #include "RestTestSupport.h"
 
+#include <TolvaCore/ApiEvent.h>
 #include <TolvaCore/Mailbox.h>
 #include <TolvaCore/MailboxListener.h>
 
@@ -20,6 +21,8 @@
 #include <vector>
 
 #include <pplx/pplxtasks.h>
+
+#include <pthread.h>
 
 #include <boost/uuid/uuid_io.hpp>
 
@@ -101,6 +104,61 @@ inline std::string pollPath(const Mailbox& mailbox) {
 }
 
 // The emulator answers an idle long poll after one second instead of thirty.
+// Records the events an API object reports, with the name of the thread each came on.
+class EventLog {
+  public:
+    // The callback to hand to QxPlatformApi::setEventCallback.
+    static std::function<void(const Varkel::Tolva::Rest::ApiEvent&)> callbackFor(
+        const std::shared_ptr<EventLog>& log) {
+        return [log](const Varkel::Tolva::Rest::ApiEvent& event) { log->add(event); };
+    }
+
+    void add(const Varkel::Tolva::Rest::ApiEvent& event) {
+        char name[32] = {};
+        pthread_getname_np(pthread_self(), name, sizeof name);
+        std::lock_guard<std::mutex> lock(mutex_);
+        events_.push_back(event);
+        threadNames_.emplace_back(name);
+        changed_.notify_all();
+    }
+
+    // Waits until an event of `kind` (about `subject`, when not empty) has come.
+    bool waitFor(Varkel::Tolva::Rest::ApiEvent::Kind kind, const std::wstring& subject = L"",
+                 std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, timeout, [&] { return countLocked(kind, subject) > 0; });
+    }
+
+    std::size_t count(Varkel::Tolva::Rest::ApiEvent::Kind kind, const std::wstring& subject = L"") {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return countLocked(kind, subject);
+    }
+
+    std::vector<Varkel::Tolva::Rest::ApiEvent> events() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return events_;
+    }
+
+    std::vector<std::string> threadNames() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return threadNames_;
+    }
+
+  private:
+    std::size_t countLocked(Varkel::Tolva::Rest::ApiEvent::Kind kind,
+                            const std::wstring& subject) const {
+        return static_cast<std::size_t>(
+            std::count_if(events_.begin(), events_.end(), [&](const auto& event) {
+                return event.kind == kind && (subject.empty() || event.subject == subject);
+            }));
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<Varkel::Tolva::Rest::ApiEvent> events_;
+    std::vector<std::string> threadNames_;
+};
+
 class MailTest : public RestTest {
   protected:
     MailTest() : RestTest(options()) {}

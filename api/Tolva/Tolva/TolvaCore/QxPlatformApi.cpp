@@ -58,7 +58,7 @@ QxPlatformApi::QxPlatformApi(Varkel::Zu::MakeShared::PrivateConstructorType,
     deliveryThreads_ = std::make_shared<DeliveryThreads>(DeliveryThreads::limitFromEnvironment());
     statistics_ = std::make_shared<StatisticsRecorder>(deliveryThreads_);
     events_ = std::make_shared<EventDispatcher>();
-    recovery_ = std::make_shared<DeliveryThreads>(1);
+    recovery_ = std::make_shared<DeliveryThreads>(1, DeliveryThreads::kIdleTime, "QXP recovery");
     mailboxQueue_ = std::make_shared<MailboxQueue>(ZU_MAXUINT32);
     registry_ = std::make_shared<MailboxRegistry>(mailboxQueue_, statistics_, events_,
                                                   deliveryThreads_, recoveryModeFromEnvironment());

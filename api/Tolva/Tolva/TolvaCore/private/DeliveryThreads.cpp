@@ -39,11 +39,13 @@ thread_local const void* currentDeliveryState = nullptr;
 }  // namespace
 
 struct DeliveryThreads::State {
-    State(std::size_t threadLimit, std::chrono::milliseconds idleSpell)
-        : limit(threadLimit), idleTime(idleSpell) {}
+    State(std::size_t threadLimit, std::chrono::milliseconds idleSpell, std::string threadName)
+        : limit(threadLimit), idleTime(idleSpell), name(std::move(threadName)) {}
 
     const std::size_t limit;
     const std::chrono::milliseconds idleTime;
+    // At most 15 characters, the system's limit for a thread's name.
+    const std::string name;
     mutable std::mutex mutex;
     // Jobs were queued, or stopping began.
     std::condition_variable work;
@@ -72,8 +74,10 @@ std::size_t DeliveryThreads::limitFromEnvironment() {
     return *value;
 }
 
-DeliveryThreads::DeliveryThreads(std::size_t limit, std::chrono::milliseconds idleTime)
-    : state_(std::make_shared<State>(limit == 0 ? 1 : limit, idleTime)) {}
+DeliveryThreads::DeliveryThreads(std::size_t limit, std::chrono::milliseconds idleTime,
+                                 const char* threadName)
+    : state_(std::make_shared<State>(limit == 0 ? 1 : limit, idleTime,
+                                     std::string(threadName).substr(0, 15))) {}
 
 DeliveryThreads::~DeliveryThreads() {
     stop();
@@ -119,7 +123,7 @@ bool DeliveryThreads::post(std::function<void()> job) {
 
 void DeliveryThreads::run(const std::shared_ptr<State>& state) {
     currentDeliveryState = state.get();
-    pthread_setname_np(pthread_self(), "QXP delivery");
+    pthread_setname_np(pthread_self(), state->name.c_str());
     std::unique_lock<std::mutex> lock(state->mutex);
     while (!state->stopping) {
         if (state->jobs.empty()) {

@@ -33,8 +33,10 @@ class DeliveryThreads {
     // "TOLVA_DELIVERY_THREADS" (1 to 4096) when set and valid, otherwise kDefaultLimit.
     static std::size_t limitFromEnvironment();
 
+    // `threadName` names every thread (cut to 15 characters).
     explicit DeliveryThreads(std::size_t limit = kDefaultLimit,
-                             std::chrono::milliseconds idleTime = kIdleTime);
+                             std::chrono::milliseconds idleTime = kIdleTime,
+                             const char* threadName = "QXP delivery");
     // stop().
     ~DeliveryThreads();
     DeliveryThreads(const DeliveryThreads&) = delete;

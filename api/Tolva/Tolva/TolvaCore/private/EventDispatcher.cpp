@@ -35,7 +35,8 @@ const Logger::Level& levelOf(ApiEvent::Kind kind) {
 
 }  // namespace
 
-EventDispatcher::EventDispatcher() : thread_(std::make_shared<DeliveryThreads>(1)) {}
+EventDispatcher::EventDispatcher()
+    : thread_(std::make_shared<DeliveryThreads>(1, DeliveryThreads::kIdleTime, "QXP events")) {}
 
 EventDispatcher::~EventDispatcher() {
     stop();
