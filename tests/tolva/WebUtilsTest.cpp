@@ -1,6 +1,8 @@
 // HTTP client creation: proxy selection from "http_proxy" and the authorisation stage.
 #include "RestTestSupport.h"
 
+#include <thread>
+
 #include <TolvaCore/WebUtils.h>
 
 #include <ZuCore/InvalidArgumentException.h>
@@ -134,6 +136,55 @@ TEST_F(WebUtilsClientTest, ClientWithApiAddsTheBearerTokenHeldAtSendTime) {
     EXPECT_EQ(requests[1].header("Authorization").substr(0, 6), "Bearer");
     EXPECT_EQ(requests[1].header("Authorization").find_first_not_of(" ", 6), std::string::npos);
 }
+
+// Remembers the thread its destructor ran on.
+class EndRecordingApi : public TestApi {
+  public:
+    EndRecordingApi(Varkel::Zu::PrivateConstructorType tag, const std::wstring& url,
+                    const std::wstring& key, std::shared_ptr<std::thread::id> endedOn)
+        : TestApi(tag, url, key), endedOn_(std::move(endedOn)) {}
+    ~EndRecordingApi() override { *endedOn_ = std::this_thread::get_id(); }
+
+  private:
+    std::shared_ptr<std::thread::id> endedOn_;
+};
+
+// A host sends through a client made for its API object, from a continuation, while its own
+// thread lets go of the object: the object must end on that thread, never on a pool thread
+// inside the client's bearer stage (where its end would wait for the pool). Run with pools of
+// one and two threads.
+class BearerStageLifetime : public WebUtilsClientTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(BearerStageLifetime, TheStageNeverEndsTheApiObjectOnAPoolThread) {
+    const ScopedEnv threads("TOLVA_HTTP_THREADS", std::to_string(GetParam()));
+    for (int attempt = 0; attempt < 30; ++attempt) {
+        const auto endedOn = std::make_shared<std::thread::id>();
+        auto api = Varkel::Zu::MakeShared::create<EndRecordingApi>(
+            widen(emulator_.baseUrl()), widen(emulator_.apiKey()), endedOn);
+        const auto client = createHttpClient(widen(emulator_.baseUrl()), api);
+        // Each answer sends the next request from its continuation, on a pool thread.
+        pplx::task<void> chain =
+            client->request(web::http::methods::GET, kKeySetPath)
+                .then([client](const web::http::http_response&) {
+                    return client->request(web::http::methods::GET, kKeySetPath);
+                })
+                .then([client](const web::http::http_response&) {
+                    return client->request(web::http::methods::GET, kKeySetPath);
+                })
+                .then([](pplx::task<web::http::http_response> last) {
+                    try {
+                        last.get();
+                    } catch (const std::exception&) {
+                        // Only the object's end matters here.
+                    }
+                });
+        api.reset();
+        chain.wait();
+        ASSERT_EQ(*endedOn, std::this_thread::get_id()) << "attempt " << attempt;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(PoolSizes, BearerStageLifetime, ::testing::Values(1, 2));
 
 }  // namespace
 }  // namespace TolvaRestTest

@@ -18,6 +18,7 @@ namespace Rest {
 
 class TOLVA_EXPORT ApiEvent {
   public:
+    /// What happened.
     enum class Kind {
         /// A mailbox is no longer polled: `subject` is its id, `httpStatus` the status that
         /// stopped it (0 when none: an unreadable answer, a poll that could not be started),
@@ -43,6 +44,7 @@ class TOLVA_EXPORT ApiEvent {
         TokenRenewalRecovered
     };
 
+    /// What happened.
     Kind kind = Kind::MailboxStopped;
     /// The mailbox id or the service id the event is about; empty for token events.
     std::wstring subject;

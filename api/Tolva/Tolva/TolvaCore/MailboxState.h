@@ -19,6 +19,7 @@ namespace Varkel {
 namespace Tolva {
 namespace Rest {
 
+/// Where one mailbox of a QxPlatformApi stands; see the file's description.
 enum class MailboxState {
     Queued,      ///< Waiting for the polling thread to send its next poll.
     Polling,     ///< A poll is outstanding.

@@ -13,6 +13,7 @@ namespace Varkel {
 namespace Tolva {
 namespace Rest {
 
+/// How a QxPlatformApi reacts to ordinary outages; see the file's description.
 enum class RecoveryMode {
     /// The default: every call behaves exactly as documented on QxPlatformApi. A poll answered
     /// with a status other than 200 or 204 drops its mailbox, a failed token request clears
