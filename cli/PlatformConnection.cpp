@@ -117,9 +117,14 @@ std::shared_ptr<Varkel::Tolva::Rest::QxPlatformApi> PlatformConnection::connectR
 
 void PlatformConnection::watchLibraryErrors() {
     using Varkel::Zu::Logger;
-    Logger::addRecordObserver([](const Logger&, const Logger::Level& level,
+    Logger::addRecordObserver([](const Logger& logger, const Logger::Level& level,
                                  const std::wstring& message,
                                  const Varkel::Zu::LoggerLocationInfo&) {
+        // The event log repeats, in short, a failure the library has just logged in its own
+        // words (a failing token renewal, say): the failure's own record is the reason.
+        if (logger.getName() == "TolvaCore.Events") {
+            return;
+        }
         if (level.toInt() >= Logger::getErrorLevel().toInt()) {
             std::lock_guard<std::mutex> lock(lastError().mutex);
             lastError().text = Varkel::Zu::narrow(message);

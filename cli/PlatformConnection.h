@@ -31,7 +31,8 @@ class PlatformConnection {
     std::shared_ptr<Varkel::Tolva::Rest::QxPlatformApi> connectResilient() const;
 
     // Remembers the text of the library's latest error record, so that a failure the library
-    // only logs can be reported. Call once at start.
+    // only logs can be reported (the records of its event log, "TolvaCore.Events", are left
+    // out: they restate a failure already logged). Call once at start.
     static void watchLibraryErrors();
     // The latest error record's text ("" when none).
     static std::string lastLibraryError();

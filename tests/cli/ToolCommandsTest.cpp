@@ -249,12 +249,16 @@ TEST_F(ToolCommands, ListenKeepsItsMailboxWhenThePlatformLosesIt) {
     // The platform forgets its mailboxes, as after a restart: the parked poll is answered 404.
     emulator_.reset();
     ASSERT_TRUE(listener.waitForError("tolva: event mailboxRecreated " + id)) << listener.err();
-    // Created again under the same id with its subscription; no other mailbox was made.
-    const auto creates = requestsTo("POST", "/notifications/api/v1/mailbox");
-    ASSERT_EQ(creates.size(), 1u);
-    const auto body = web::json::value::parse(creates[0].body);
-    EXPECT_EQ(body.at("id").as_string(), id);
-    EXPECT_EQ(body.at("subscription").as_string(), "delta");
+    // Created again under the same id with its subscription; no other mailbox was made. (The
+    // re-creation may reach the emulator before the reset has forgotten the recorded
+    // requests, so the platform's state is what tells.)
+    const auto mailboxes = platformState().at("mailboxes").as_array();
+    ASSERT_EQ(mailboxes.size(), 1u) << emulator_.state();
+    EXPECT_EQ(mailboxes.at(0).at("id").as_string(), id);
+    EXPECT_EQ(mailboxes.at(0).at("subscriptions").serialize(), "[\"delta\"]");
+    for (const auto& create : requestsTo("POST", "/notifications/api/v1/mailbox")) {
+        EXPECT_EQ(web::json::value::parse(create.body).at("id").as_string(), id);
+    }
 
     ASSERT_EQ(runTool(against({"post", "delta", "after the restart"})).status, 0);
     EXPECT_EQ(listener.wait(), 0) << listener.err();
@@ -451,7 +455,10 @@ TEST_F(ToolCommands, RegisterRegistersAgainWhenThePlatformLosesTheService) {
     ASSERT_NE(arrow, std::string::npos) << again[0];
     const std::string newId = again[0].substr(arrow + 4, again[0].find(':', arrow) - arrow - 4);
     ASSERT_EQ(newId.size(), 36u) << again[0];
-    EXPECT_EQ(requestsTo("POST", "/discovery/api/v1/service").size(), 1u);
+    // Registered once more, under the id the platform returned.
+    const auto services = platformState().at("services").as_array();
+    ASSERT_EQ(services.size(), 1u) << emulator_.state();
+    EXPECT_EQ(services.at(0).at("serviceId").as_string(), newId);
 
     // The heartbeats go on for the id the platform returned.
     const std::string heartbeats = "/discovery/api/v1/service/" + newId + "/";

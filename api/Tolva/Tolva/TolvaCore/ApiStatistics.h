@@ -7,7 +7,8 @@
 /// the most recent kLatencyWindow samples. Counters are read one at a time, each after the
 /// counters that depend on it, so a snapshot taken while the object works never shows more
 /// outcomes than requests: postsFailed <= postsSent, and the poll outcomes (withMail, empty,
-/// transportFailures, statusFailures, unreadable, cancelled) add up to at most pollsSent.
+/// transportFailures, statusFailures, unreadable, cancelled, endedByDeletion) add up to at
+/// most pollsSent.
 /// When no request is under way, pollsSent equals those outcomes plus pollsInFlight.
 ///
 /// toJson() gives the same snapshot as one JSON document (the field names and units are

@@ -369,6 +369,8 @@ class TOLVA_EXPORT QxPlatformApi {
     bool isStopping() const;
     void pollEnded();
     void waitForPollsToEnd();
+    /// Renews the token when due and sends the DELETE of a mailbox; throws as deleteMailbox.
+    void sendMailboxDeletion(const Mailbox& mailbox, const std::wstring& mailboxId);
     /// POSTs the mailbox creation and stores the secret; throws as createMailbox does.
     void postMailboxCreation(const std::shared_ptr<Mailbox>& mailbox,
                              const std::wstring& subscription);

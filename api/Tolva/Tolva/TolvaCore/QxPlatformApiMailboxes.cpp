@@ -187,11 +187,15 @@ void QxPlatformApi::deleteMailbox(const std::shared_ptr<const Mailbox>& mailbox)
                  L"Mailbox was not created by this instance of the QX Platform API.");
     }
 
+    sendMailboxDeletion(*mailbox, mailboxId);
+}
+
+void QxPlatformApi::sendMailboxDeletion(const Mailbox& mailbox, const std::wstring& mailboxId) {
     validateToken();
     // Deletion addresses the mailbox by its secret, not by its id.
     RestCall call(web::http::methods::DEL,
                   std::string(ApiDefaults::kMailboxPath) + "/" +
-                      narrow(CommonUtil::encodeUnsafeURLCharacters(mailbox->getSecret())));
+                      narrow(CommonUtil::encodeUnsafeURLCharacters(mailbox.getSecret())));
     call.header("Accept", RestCall::kJsonContentType)
         .header("Content-Type", RestCall::kJsonContentType)
         .header("User-Agent", RestCall::kUserAgent)

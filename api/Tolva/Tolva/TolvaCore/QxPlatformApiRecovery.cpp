@@ -90,7 +90,11 @@ void QxPlatformApi::recreateMailbox(const std::shared_ptr<MailboxLife>& life) {
             for (std::size_t i = 1; i < topics.size(); ++i) {
                 subscribeTopic(life->mailbox, topics[i]);
             }
-            registry_->recreated(life, true);
+            if (!registry_->recreated(life, true)) {
+                // The host deleted the mailbox while it was being created again: what this
+                // created on the platform is deleted too, so that nothing is left behind.
+                sendMailboxDeletion(*life->mailbox, life->id);
+            }
             return;
         } catch (const std::exception& e) {
             const std::wstring text = widen(e.what());

@@ -55,17 +55,18 @@ void EventDispatcher::publish(ApiEvent event) {
     if (event.at == std::chrono::system_clock::time_point()) {
         event.at = std::chrono::system_clock::now();
     }
-    const auto& logger = eventLogger();
-    ZU_LOG_AT_LEVEL(logger, levelOf(event.kind), event.toText());
     std::shared_ptr<const Callback> callback;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         callback = callback_;
     }
-    if (!callback) {
-        return;
-    }
+    // Logged on the events thread too: publishing happens under the mailbox registry's lock,
+    // and a logger may run a host's record observer, which may call the API object.
     thread_->post([callback = std::move(callback), event = std::move(event)] {
+        ZU_LOG_AT_LEVEL(eventLogger(), levelOf(event.kind), event.toText());
+        if (!callback) {
+            return;
+        }
         try {
             (*callback)(event);
         } catch (const std::exception& e) {

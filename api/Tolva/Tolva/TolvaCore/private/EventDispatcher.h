@@ -1,11 +1,11 @@
-// EventDispatcher: hands an API object's events to its host. Every event is logged on
-// "TolvaCore.Events" at once, on the thread that publishes it, and handed to the host's
-// callback, if one is set, on a thread of the dispatcher's own ("QXP events"): one event at a
-// time, in the order published. Publishing never waits for the callback, so it may be done
-// from an HTTP continuation or under a leaf lock.
+// EventDispatcher: hands an API object's events to its host. On a thread of the dispatcher's
+// own ("QXP events"), one event at a time and in the order published, every event is logged on
+// "TolvaCore.Events" and handed to the host's callback, if one is set. Publishing only queues,
+// so it may be done from an HTTP continuation or under a leaf lock: no host code (a callback,
+// a logger's record observer) runs on the publishing thread.
 //
 // Shared by the API object with whatever may outlive it (delivery jobs); after stop() events
-// are still logged but no longer handed to the callback.
+// are dropped.
 #pragma once
 
 #include <TolvaCore/ApiEvent.h>
@@ -33,7 +33,7 @@ class EventDispatcher {
     // callback they were published with.
     void setCallback(Callback callback);
 
-    // Logs the event and queues it for the callback. `at` is filled in when unset. Never
+    // Queues the event for the log and the callback. `at` is filled in when unset. Never
     // throws except std::bad_alloc.
     void publish(ApiEvent event);
 

@@ -106,12 +106,12 @@ bool MailboxRegistry::beginDelete(const std::wstring& id, bool stoppedToo) {
             if (!stoppedToo) {
                 return false;
             }
-            const auto stopped = std::find_if(stopped_.begin(), stopped_.end(),
-                                              [&id](const auto& kept) { return kept->id == id; });
+            const auto stopped =
+                std::find_if(stopped_.begin(), stopped_.end(),
+                             [&id](const auto& kept) { return kept.mailboxId == id; });
             if (stopped == stopped_.end()) {
                 return false;
             }
-            // The caller holds the mailbox, so this is not its last reference.
             stopped_.erase(stopped);
             return true;
         }
@@ -175,9 +175,9 @@ void MailboxRegistry::pollStarted(const std::shared_ptr<MailboxLife>& life,
 MailboxRegistry::Action MailboxRegistry::afterPoll(const std::shared_ptr<MailboxLife>& life,
                                                    Outcome outcome, int status,
                                                    const std::wstring& text) {
-    std::shared_ptr<MailboxLife> released;
     Action action = Action::None;
     bool requeue = false;
+    std::chrono::milliseconds retryDelay{-1};
     {
         std::lock_guard<std::mutex> lock(mutex_);
         life->pollOutstanding = false;
@@ -216,14 +216,9 @@ MailboxRegistry::Action MailboxRegistry::afterPoll(const std::shared_ptr<Mailbox
             case Outcome::TransportFailure:
                 StatisticsRecorder::bump(statistics_->pollsTransportFailures);
                 StatisticsRecorder::bump(statistics_->transportRetries);
-                {
-                    // One lost connection is ordinary (a server closes idle ones); the host hears
-                    // of a run of them.
-                    const auto delay = backOffLocked(life, 0, text, false);
-                    ZU_LOG_CAPPED(apiLogger(), Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
-                                  L"Poll of mailbox " + life->id + L" failed, polling again in " +
-                                      std::to_wstring(delay.count()) + L" ms: " + text);
-                }
+                // One lost connection is ordinary (a server closes idle ones); the host hears
+                // of a run of them. Logged outside the lock (a logger may run host code).
+                retryDelay = backOffLocked(life, 0, text, false);
                 break;
             case Outcome::NoToken:
                 StatisticsRecorder::bump(statistics_->pollsWaitingForToken);
@@ -251,9 +246,8 @@ MailboxRegistry::Action MailboxRegistry::afterPoll(const std::shared_ptr<Mailbox
                     StatisticsRecorder::bump(statistics_->mailboxesDroppedByStatus);
                     stopLocked(life, status, text, true);
                     table_.erase(life->id);
-                    stopped_.push_back(life);
+                    stopped_.push_back(viewOf(*life));
                     if (stopped_.size() > kStoppedKept) {
-                        released = std::move(stopped_.front());
                         stopped_.pop_front();
                     }
                     updateLiveGauge();
@@ -273,9 +267,11 @@ MailboxRegistry::Action MailboxRegistry::afterPoll(const std::shared_ptr<Mailbox
     if (requeue) {
         queue(life);
     }
-    // The oldest stopped record may hold the mailbox's last reference, whose listener may hold
-    // the API object: it goes on a delivery thread.
-    deliveryThreads_->release(std::move(released));
+    if (retryDelay.count() >= 0) {
+        ZU_LOG_CAPPED(apiLogger(), Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
+                      L"Poll of mailbox " + life->id + L" failed, polling again in " +
+                          std::to_wstring(retryDelay.count()) + L" ms: " + text);
+    }
     return action;
 }
 
@@ -300,6 +296,7 @@ bool MailboxRegistry::recreated(const std::shared_ptr<MailboxLife>& life, bool s
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (closed_ || !isCurrentLocked(life) || life->state != MailboxState::Recovering) {
+            // Deleted (or the object ended) meanwhile: a creation that succeeded is unwanted.
             return false;
         }
         if (!succeeded) {
@@ -315,7 +312,7 @@ bool MailboxRegistry::recreated(const std::shared_ptr<MailboxLife>& life, bool s
                 L"the platform had lost it; created again with its subscriptions");
     }
     queue(life);
-    return false;
+    return true;
 }
 
 std::vector<std::wstring> MailboxRegistry::subscriptions(const std::shared_ptr<MailboxLife>& life) {
@@ -365,22 +362,21 @@ std::vector<ApiStatistics::MailboxView> MailboxRegistry::views() {
     std::vector<ApiStatistics::MailboxView> out;
     std::lock_guard<std::mutex> lock(mutex_);
     out.reserve(table_.size() + stopped_.size());
-    const auto view = [&out](const MailboxLife& life) {
-        ApiStatistics::MailboxView item;
-        item.mailboxId = life.id;
-        item.state = life.state;
-        item.consecutiveFailures = life.failures;
-        item.lastHttpStatus = life.lastStatus;
-        item.lastError = life.lastError;
-        out.push_back(std::move(item));
-    };
     for (const auto& entry : table_) {
-        view(*entry.second);
+        out.push_back(viewOf(*entry.second));
     }
-    for (const auto& life : stopped_) {
-        view(*life);
-    }
+    out.insert(out.end(), stopped_.begin(), stopped_.end());
     return out;
+}
+
+ApiStatistics::MailboxView MailboxRegistry::viewOf(const MailboxLife& life) {
+    ApiStatistics::MailboxView view;
+    view.mailboxId = life.id;
+    view.state = life.state;
+    view.consecutiveFailures = life.failures;
+    view.lastHttpStatus = life.lastStatus;
+    view.lastError = life.lastError;
+    return view;
 }
 
 std::vector<pplx::task<void>> MailboxRegistry::close() {

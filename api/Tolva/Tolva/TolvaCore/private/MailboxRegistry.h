@@ -111,8 +111,9 @@ class MailboxRegistry {
     // The listeners of `life` have returned: queue it for its next poll if it is still current.
     void afterDelivery(const std::shared_ptr<MailboxLife>& life);
 
-    // Recreation of a lost mailbox succeeded (queued again, the host told) or failed (backed
-    // off; the caller tries again while it is still current). Returns whether to go on trying.
+    // Recreation of a lost mailbox succeeded (queued again, the host told; returns false when
+    // the record was deleted meanwhile, so the new platform mailbox is unwanted) or failed
+    // (returns whether to go on trying: while the record is current and recovering).
     bool recreated(const std::shared_ptr<MailboxLife>& life, bool succeeded,
                    const std::wstring& failure = L"");
     // The topics `life` is subscribed to, the creation's first.
@@ -140,6 +141,8 @@ class MailboxRegistry {
 
   private:
     bool isCurrentLocked(const std::shared_ptr<MailboxLife>& life) const;
+    // The record as the statistics show it; the lock is held.
+    static ApiStatistics::MailboxView viewOf(const MailboxLife& life);
     // Returns the delay before the next poll.
     std::chrono::milliseconds backOffLocked(const std::shared_ptr<MailboxLife>& life, int status,
                                             const std::wstring& text, bool tellAtOnce);
@@ -165,9 +168,10 @@ class MailboxRegistry {
     bool created_ = false;
     std::uint64_t generations_ = 0;
     std::map<std::wstring, std::shared_ptr<MailboxLife>> table_;
-    // Dropped after a status, newest last; kept for the statistics and, in resilient mode, for
-    // deleteMailbox.
-    std::deque<std::shared_ptr<MailboxLife>> stopped_;
+    // What is known of the mailboxes dropped after a status, newest last: for the statistics
+    // and, in resilient mode, for deleteMailbox. Not the records themselves: a dropped mailbox
+    // (and its listeners) is let go of as it always was.
+    std::deque<ApiStatistics::MailboxView> stopped_;
     // Backing-off mailboxes by the instant they may be polled again.
     std::multimap<Clock::time_point, std::weak_ptr<MailboxLife>> retries_;
 };
