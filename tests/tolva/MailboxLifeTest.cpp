@@ -186,13 +186,11 @@ TEST_F(MailboxLifeTest, AMailboxStoppedByAStatusIsReportedToTheHost) {
     const auto api = makeApi();
     const auto events = std::make_shared<EventLog>();
     api->setEventCallback(EventLog::callbackFor(events));
-    const auto [mailbox, listener] = listening(*api, L"life/stopped");
-    ASSERT_EQ(waitForPolls(*mailbox, 1).size(), 1u);
-    const std::wstring id = widen(mailboxIdText(*mailbox));
-
+    // Its first poll is answered 500.
+    const auto mailbox = newMailbox();
     emulator_.addFault(statusRule("GET", pollPath(*mailbox), 500));
-    api->postNotification(L"life/stopped", L"ends the held poll", 0);
-    ASSERT_EQ(listener->waitFor(1).size(), 1u);
+    api->createMailbox(mailbox, L"life/stopped");
+    const std::wstring id = widen(mailboxIdText(*mailbox));
     ASSERT_TRUE(events->waitFor(ApiEvent::Kind::MailboxStopped, id));
 
     const auto all = events->events();
