@@ -48,16 +48,6 @@ class MailRetrievalTest : public MailTest {
                                [&](const auto& m) { return m.rfind(prefix, 0) == 0; });
         });
     }
-
-    // A mailbox with a recording listener, created on `topic`.
-    std::pair<std::shared_ptr<Mailbox>, std::shared_ptr<RecordingListener>> listening(
-        QxPlatformApi& api, const std::wstring& topic) {
-        auto mailbox = newMailbox();
-        auto listener = std::make_shared<RecordingListener>();
-        mailbox->addListener(listener);
-        api.createMailbox(mailbox, topic);
-        return {mailbox, listener};
-    }
 };
 
 TEST_F(MailRetrievalTest, APollIsAGetWithTwoHeadersAndUsesTheTokenAsItStands) {

@@ -218,6 +218,16 @@ class MailTest : public RestTest {
             << "the API object's destructor did not finish";
     }
 
+    // A mailbox with a recording listener, created on `topic`.
+    static std::pair<std::shared_ptr<Mailbox>, std::shared_ptr<RecordingListener>> listening(
+        Varkel::Tolva::Rest::QxPlatformApi& api, const std::wstring& topic) {
+        auto mailbox = newMailbox();
+        auto listener = std::make_shared<RecordingListener>();
+        mailbox->addListener(listener);
+        api.createMailbox(mailbox, topic);
+        return {mailbox, listener};
+    }
+
     static std::shared_ptr<Mailbox> newMailbox(unsigned int ttl = 0) {
         return Varkel::Zu::MakeShared::create<Mailbox>(
             Varkel::Zu::MakeShared::create<Mailbox>()->getId(), ttl, true);

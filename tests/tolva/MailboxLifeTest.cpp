@@ -31,15 +31,6 @@ class MailboxLifeTest : public MailTest {
     // mailbox shows at once (each new poll ends the one the platform holds).
     MailboxLifeTest() : MailTest(testEmulatorOptions()) {}
 
-    std::pair<std::shared_ptr<Mailbox>, std::shared_ptr<RecordingListener>> listening(
-        QxPlatformApi& api, const std::wstring& topic) {
-        auto mailbox = newMailbox();
-        auto listener = std::make_shared<RecordingListener>();
-        mailbox->addListener(listener);
-        api.createMailbox(mailbox, topic);
-        return {mailbox, listener};
-    }
-
     // Polls of `mailbox` the platform received at or after `from`.
     std::size_t pollsSince(const Mailbox& mailbox, Clock::time_point from) const {
         const std::string target = pollTarget(mailbox);

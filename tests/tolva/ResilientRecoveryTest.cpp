@@ -35,15 +35,6 @@ class ResilientRecoveryTest : public MailTest {
         return api;
     }
 
-    std::pair<std::shared_ptr<Mailbox>, std::shared_ptr<RecordingListener>> listening(
-        QxPlatformApi& api, const std::wstring& topic) {
-        auto mailbox = newMailbox();
-        auto listener = std::make_shared<RecordingListener>();
-        mailbox->addListener(listener);
-        api.createMailbox(mailbox, topic);
-        return {mailbox, listener};
-    }
-
     std::size_t platformMailboxes() const {
         return web::json::value::parse(emulator_.state()).at("mailboxes").as_array().size();
     }
