@@ -876,7 +876,10 @@ int main(int argc, char** argv) {
                 } else if (event.kind == "drop") {
                     rule["drop"] = true;
                 } else {
-                    const int status = uniform(0, 1) == 0 ? 500 : 503;
+                    // What the platform gives (500) and what a proxy in front of it gives while
+                    // it restarts or when it is slow (502, 503, 504).
+                    const int statuses[] = {500, 502, 503, 504};
+                    const int status = statuses[uniform(0, 3)];
                     rule["status"] = status;
                     event.detail += " " + std::to_string(status);
                 }

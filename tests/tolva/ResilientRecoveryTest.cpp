@@ -139,6 +139,62 @@ TEST_P(RenewalAnswered503, KeepsTheStillValidTokenOnlyWhenResilient) {
 
 INSTANTIATE_TEST_SUITE_P(Modes, RenewalAnswered503, ::testing::Values(false, true), modeName);
 
+// Without any token (the renewal failed and nothing valid is left): by default a post goes out
+// with an empty bearer and is refused; resilient does not send it.
+TEST_P(RenewalAnswered503, WithNoTokenLeftARequestIsSentOnlyByDefault) {
+    const bool resilient = GetParam();
+    const auto api = makeApi(resilient ? RecoveryMode::Resilient : RecoveryMode::Strict);
+    auto rule = statusRule("POST", kTokenPath, 503);
+    rule.times = -1;
+    emulator_.addFault(rule);
+    api->clearToken();
+    const std::string failure = thrownText<std::runtime_error>(
+        [&] { api->postNotification(L"resilient/none", L"no token", 0); });
+    const auto posts = requestsTo("POST", kNotificationsPath);
+    if (resilient) {
+        EXPECT_EQ(failure,
+                  "No access token (the last token request failed); the request was not sent.");
+        EXPECT_TRUE(posts.empty());
+    } else {
+        ASSERT_EQ(posts.size(), 1u);
+        EXPECT_EQ(posts[0].header("Authorization"), "Bearer");
+    }
+}
+
+// The platform goes away while the token is due for renewal and comes back with its state:
+// by default the failed renewal clears the token; resilient keeps it, and the mailbox polls
+// on with it once the platform is back.
+TEST_P(RenewalAnswered503, AnOutageAcrossARenewalKeepsTheMailOnlyWhenResilient) {
+    const bool resilient = GetParam();
+    // Valid for 301 s: due for renewal from the start, valid all through the test.
+    emulator_.setTokenLifetime(301);
+    const auto api = makeApi(resilient ? RecoveryMode::Resilient : RecoveryMode::Strict);
+    const auto [mailbox, listener] = listening(*api, L"resilient/outage");
+    ASSERT_EQ(waitForPolls(*mailbox, 1).size(), 1u);
+    const std::wstring token = api->getCurrentAccessToken();
+
+    emulator_.stop();
+    // A validating call during the outage: its renewal and its own request fail.
+    EXPECT_THROW(api->postNotification(L"resilient/outage", L"lost", 0), std::exception);
+    EXPECT_TRUE(events_->waitFor(ApiEvent::Kind::TokenRenewalFailed));
+    if (!resilient) {
+        EXPECT_TRUE(api->getCurrentAccessToken().empty());
+        emulator_.start();
+        return;
+    }
+    EXPECT_EQ(api->getCurrentAccessToken(), token);
+    const std::size_t pollsBefore = requestsTo("GET", pollTarget(*mailbox)).size();
+    emulator_.start();
+    ASSERT_EQ(waitForPolls(*mailbox, pollsBefore + 1).size(), pollsBefore + 1);
+    api->postNotification(L"resilient/outage", L"after", 0);
+    const auto mail = listener->waitFor(1);
+    ASSERT_EQ(mail.size(), 1u);
+    EXPECT_EQ(mail[0].second, L"after");
+    EXPECT_FALSE(api->hasDeletedMailboxes());
+    EXPECT_EQ(events_->count(ApiEvent::Kind::MailboxStopped), 0u);
+    EXPECT_TRUE(events_->waitFor(ApiEvent::Kind::TokenRenewalRecovered));
+}
+
 // A poll answered with a status a proxy or a busy platform gives: by default the mailbox is
 // dropped; resilient backs off, polls again, and the mail posted after it arrives.
 class PollStatus : public ResilientRecoveryTest,

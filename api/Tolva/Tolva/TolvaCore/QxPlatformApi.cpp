@@ -19,6 +19,7 @@
 #include <ZuCore/ThrowException.h>
 #include <ZuCore/Timer.h>
 
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -271,6 +272,15 @@ std::wstring QxPlatformApi::currentAccessToken() const {
 
 std::string QxPlatformApi::bearerAuthorization() const {
     return bearer_->get();
+}
+
+std::string QxPlatformApi::requestAuthorization() const {
+    std::string header = bearer_->get();
+    if (BearerText::isEmpty(header) && recoveryMode() == RecoveryMode::Resilient) {
+        throw std::runtime_error(
+            "No access token (the last token request failed); the request was not sent.");
+    }
+    return header;
 }
 
 void QxPlatformApi::storeToken(const Token& token) {

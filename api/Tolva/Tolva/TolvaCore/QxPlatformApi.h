@@ -395,6 +395,9 @@ class TOLVA_EXPORT QxPlatformApi {
     std::wstring currentAccessToken() const;
     /// "Bearer " + the current access token as it stands, as header text.
     std::string bearerAuthorization() const;
+    /// The same for a request other than a poll. In resilient mode a request is not sent
+    /// without a token: this throws std::runtime_error instead.
+    std::string requestAuthorization() const;
     void storeToken(const Token& token);
 
     static std::shared_ptr<Varkel::Zu::Logger> logger_;

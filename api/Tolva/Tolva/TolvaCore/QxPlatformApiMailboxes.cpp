@@ -90,7 +90,7 @@ void QxPlatformApi::postMailboxCreation(const std::shared_ptr<Mailbox>& mailbox,
     call.header("Accept", RestCall::kJsonContentType)
         .header("Content-Type", RestCall::kJsonContentType)
         .header("User-Agent", RestCall::kUserAgent)
-        .header("Authorization", bearerAuthorization())
+        .header("Authorization", requestAuthorization())
         .jsonBody(body)
         .accept({status_codes::OK})
         .failureText(L"Create Mailbox failed ");
@@ -153,7 +153,7 @@ void QxPlatformApi::changeSubscription(const std::shared_ptr<const Mailbox>& mai
     call.header("Accept", RestCall::kJsonContentType)
         .header("Content-Type", RestCall::kJsonContentType)
         .header("User-Agent", RestCall::kUserAgent)
-        .header("Authorization", bearerAuthorization())
+        .header("Authorization", requestAuthorization())
         .accept({status_codes::NoContent})
         .failureText(change.failureText, L".");
     call.send(currentClient())
@@ -199,7 +199,7 @@ void QxPlatformApi::sendMailboxDeletion(const Mailbox& mailbox, const std::wstri
     call.header("Accept", RestCall::kJsonContentType)
         .header("Content-Type", RestCall::kJsonContentType)
         .header("User-Agent", RestCall::kUserAgent)
-        .header("Authorization", bearerAuthorization())
+        .header("Authorization", requestAuthorization())
         .accept({status_codes::NoContent, status_codes::NotFound})
         .failureText(L"Failed to delete the mailbox ", L".");
     call.send(currentClient())

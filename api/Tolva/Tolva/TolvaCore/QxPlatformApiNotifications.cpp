@@ -27,7 +27,7 @@ void QxPlatformApi::postNotification(const std::wstring& topic, const std::wstri
     call.header("Accept", RestCall::kJsonContentType)
         .header("Content-Type", RestCall::kJsonContentType)
         .header("User-Agent", RestCall::kUserAgent)
-        .header("Authorization", bearerAuthorization())
+        .header("Authorization", requestAuthorization())
         .accept({web::http::status_codes::NoContent})
         .failureText(L"Post notification failed. ");
 

@@ -56,7 +56,7 @@ void QxPlatformApi::registerService(
     RestCall call(web::http::methods::POST, ApiDefaults::kServicePath);
     call.header("Content-Type", RestCall::kJsonContentType)
         .header("User-Agent", RestCall::kUserAgent)
-        .header("Authorization", bearerAuthorization())
+        .header("Authorization", requestAuthorization())
         .jsonBody(inout_serviceInfo->toJson())
         .accept({status_codes::Created})
         .failureText(L"QXP service registration failed: ");
@@ -103,7 +103,7 @@ void QxPlatformApi::unregisterService(const std::wstring& serviceId) {
     try {
         RestCall call(web::http::methods::DEL, servicePath(serviceId, serviceSecret));
         call.header("User-Agent", RestCall::kUserAgent)
-            .header("Authorization", bearerAuthorization())
+            .header("Authorization", requestAuthorization())
             .accept({status_codes::NoContent})
             .failureText(L"QXP unregister service failed: ");
         call.send(currentClient())
@@ -215,7 +215,7 @@ int QxPlatformApi::sendHeartbeat(const std::wstring& serviceId, const std::wstri
     try {
         RestCall call(web::http::methods::PUT, servicePath(serviceId, serviceSecret) + "/health");
         call.header("User-Agent", RestCall::kUserAgent)
-            .header("Authorization", bearerAuthorization())
+            .header("Authorization", requestAuthorization())
             .jsonBody(value::null());
         status = call.sendUnchecked(currentClient())
                      .then([serviceId](const http_response& response) {

@@ -24,7 +24,9 @@ enum class RecoveryMode {
     /// Keeps mail flowing through outages:
     /// - a failed token renewal keeps the current token while it is still valid;
     /// - no poll goes out without a token: it waits (backing off, bounded) until one is there,
-    ///   so changing the API key or the URL keeps every mailbox polling;
+    ///   so changing the API key or the URL keeps every mailbox polling; no other request goes
+    ///   out without one either: the call throws std::runtime_error "No access token (the last
+    ///   token request failed); the request was not sent." (a heartbeat logs it);
     /// - a poll answered 401 renews the token and polls again; 429, 502, 503 and 504 back off
     ///   and poll again; 404 (the platform lost the mailbox) creates the mailbox again with the
     ///   same id, its subscriptions and its listeners;
