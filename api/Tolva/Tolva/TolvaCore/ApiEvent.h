@@ -24,10 +24,13 @@ class TOLVA_EXPORT ApiEvent {
         /// stopped it (0 when none: an unreadable answer, a poll that could not be started),
         /// `reason` says why. It gets no more mail.
         MailboxStopped,
-        /// A mailbox's poll failed and it waits before polling again (the first failure of a
-        /// run only): `httpStatus` (0 for a transport failure or a missing token) and `reason`.
+        /// A mailbox's poll failed and it waits before polling again: told once per run of
+        /// failures, at the first one answered with a status, or at the second in a row of
+        /// transport failures or polls waiting for a token (one alone is ordinary: a server
+        /// closed an idle connection, a key was re-applied). `httpStatus` (0 when none) and
+        /// `reason`.
         MailboxBackingOff,
-        /// A mailbox that was backing off has been answered again.
+        /// A mailbox whose backing off was told has been answered again.
         MailboxPollingAgain,
         /// The platform had lost a mailbox (its poll was answered 404) and it was created
         /// again with the same id, subscriptions and listeners (resilient mode).

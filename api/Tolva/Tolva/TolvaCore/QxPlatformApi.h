@@ -136,10 +136,13 @@ class TOLVA_EXPORT QxPlatformApi {
     std::wstring getPlatformApiKey() const;
 
     /// Stores the URL, remakes the HTTP client and clears the current token, so that the next
-    /// authorised call fetches a new one. Throws what createClient throws. Any thread.
+    /// authorised call fetches a new one (in resilient mode a new token is also asked for at
+    /// once, on the recovery thread, and polls wait for it). Throws what createClient throws.
+    /// Any thread.
     void setPlatformUrl(std::wstring url);
 
-    /// Stores the key and clears the current token; the HTTP client is kept. Never throws.
+    /// Stores the key and clears the current token; the HTTP client is kept (in resilient
+    /// mode a new token is also asked for at once, and polls wait for it). Never throws.
     /// Any thread.
     void setPlatformApiKey(std::wstring key);
 

@@ -221,8 +221,10 @@ MailboxRegistry::Action MailboxRegistry::afterPoll(const std::shared_ptr<Mailbox
                 retryDelay = backOffLocked(life, 0, text, false);
                 break;
             case Outcome::NoToken:
+                // A token is usually there again before the first back-off ends (a key or URL
+                // changed): the host hears of a wait only when it lasts.
                 StatisticsRecorder::bump(statistics_->pollsWaitingForToken);
-                backOffLocked(life, 0, text, true);
+                backOffLocked(life, 0, text, false);
                 action = Action::RenewToken;
                 break;
             case Outcome::Status:
