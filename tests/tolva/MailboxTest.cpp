@@ -104,14 +104,7 @@ TEST(MailboxTest, AThrowingListenerDoesNotStopTheNextOne) {
     mailbox->addListener(std::make_shared<JournalListener>("second", journal));
     mailbox->receiveMail(L"news/alpha", L"hello");
     EXPECT_EQ(journal, (std::vector<std::string>{"second:news/alpha:hello"}));
-    const auto messages = records.messages("TolvaCore.Mailbox");
-    EXPECT_EQ(messages,
-              (std::vector<std::wstring>{L"Unknown exception caught while receiving mail."}));
-    for (const auto& record : records.records()) {
-        if (record.logger == "TolvaCore.Mailbox") {
-            EXPECT_EQ(record.level, "error");
-        }
-    }
+    expectOneListenerErrorLine(records);
 }
 
 TEST(MailboxTest, ANonStandardExceptionIsContainedToo) {

@@ -120,6 +120,18 @@ class LogRecords {
 
 // The debug log lines written after construction (the process-wide log keeps growing when a
 // whole suite runs in one process).
+// Checks that "TolvaCore.Mailbox" holds exactly one record, the capped error line of a
+// listener's exception, at error level.
+inline void expectOneListenerErrorLine(const LogRecords& records) {
+    EXPECT_EQ(records.messages("TolvaCore.Mailbox"),
+              (std::vector<std::wstring>{L"Unknown exception caught while receiving mail."}));
+    for (const auto& record : records.records()) {
+        if (record.logger == "TolvaCore.Mailbox") {
+            EXPECT_EQ(record.level, "error");
+        }
+    }
+}
+
 class DebugLogTail {
   public:
     DebugLogTail() : offset_(TolvaTest::readDebugLog().size()) {}
