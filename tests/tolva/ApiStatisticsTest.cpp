@@ -371,7 +371,7 @@ TEST_F(ApiStatisticsTest, TheJsonDocumentFollowsItsSchemaAndHoldsNoSecret) {
     EXPECT_LT(text.find("\"tokens\":"), text.find("\"mailboxes\":"));
     ASSERT_EQ(keysOf(json),
               sorted({"schema", "takenAt", "uptimeMs", "posts", "polls", "transportRetries", "mail",
-                      "heartbeats", "services", "tokens", "mailboxes"}));
+                      "heartbeats", "services", "requests", "tokens", "mailboxes"}));
     EXPECT_EQ(json.at("schema").as_string(), "tolva.statistics/1");
     // ISO 8601 in UTC with milliseconds.
     EXPECT_EQ(json.at("takenAt").as_string().size(), 24u);
@@ -385,15 +385,16 @@ TEST_F(ApiStatisticsTest, TheJsonDocumentFollowsItsSchemaAndHoldsNoSecret) {
     expectLatency(posts.at("roundTripUs"), stats.postRoundTrip);
 
     const value& polls = json.at("polls");
-    ASSERT_EQ(keysOf(polls),
-              sorted({"sent", "withMail", "empty", "transportFailures", "statusFailures",
-                      "unreadable", "cancelled", "endedByDeletion", "waitingForToken",
-                      "statusRetries", "inFlight"}));
+    ASSERT_EQ(keysOf(polls), sorted({"sent", "withMail", "empty", "transportFailures",
+                                     "statusFailures", "unreadable", "cancelled", "endedByDeletion",
+                                     "waitingForToken", "statusRetries", "inFlight"}));
     EXPECT_EQ(polls.at("sent").as_number().to_uint64(), stats.pollsSent);
     EXPECT_EQ(polls.at("withMail").as_number().to_uint64(), stats.pollsWithMail);
     EXPECT_EQ(polls.at("empty").as_number().to_uint64(), stats.pollsEmpty);
     EXPECT_EQ(polls.at("inFlight").as_number().to_uint64(), stats.pollsInFlight);
     EXPECT_EQ(json.at("transportRetries").as_number().to_uint64(), stats.transportRetries);
+    EXPECT_EQ(keysOf(json.at("requests")), sorted({"sentAgain"}));
+    EXPECT_EQ(json.at("requests").at("sentAgain").as_number().to_uint64(), stats.requestsSentAgain);
 
     const value& mail = json.at("mail");
     ASSERT_EQ(keysOf(mail),
@@ -423,8 +424,8 @@ TEST_F(ApiStatisticsTest, TheJsonDocumentFollowsItsSchemaAndHoldsNoSecret) {
     // One view per mailbox: its id, where it stands, and its last failure.
     const value& each = mailboxes.at("each");
     ASSERT_EQ(each.size(), 1u);
-    ASSERT_EQ(keysOf(each.at(0)), sorted({"mailboxId", "state", "consecutiveFailures",
-                                          "lastHttpStatus", "lastError"}));
+    ASSERT_EQ(keysOf(each.at(0)),
+              sorted({"mailboxId", "state", "consecutiveFailures", "lastHttpStatus", "lastError"}));
     EXPECT_EQ(each.at(0).at("mailboxId").as_string(), narrow(stats.mailboxes.at(0).mailboxId));
     EXPECT_EQ(each.at(0).at("consecutiveFailures").as_number().to_uint64(), 0u);
 

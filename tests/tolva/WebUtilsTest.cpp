@@ -11,6 +11,7 @@
 
 #include <cpprest/base_uri.h>
 #include <cpprest/http_client.h>
+#include <boost/algorithm/string/predicate.hpp>
 
 namespace TolvaRestTest {
 namespace {
@@ -50,7 +51,9 @@ TEST(WebUtils, ProxyVariableAutoInCapitalsIsAProxyUri) {
     const auto& config = client->client_config();
     EXPECT_FALSE(config.proxy().is_auto_discovery());
     EXPECT_TRUE(config.proxy().is_specified());
-    EXPECT_EQ(config.proxy().address().to_string(), "AUTO");
+    // A value without a scheme is a host name: the proxy http://AUTO.
+    EXPECT_EQ(config.proxy().address().scheme(), "http");
+    EXPECT_TRUE(boost::iequals(config.proxy().address().host(), "AUTO"));
 }
 
 TEST(WebUtils, ProxyVariableAutoWithTrailingBlankIsAProxyUri) {

@@ -84,6 +84,10 @@ std::wstring ApiStatistics::toJson() const {
     registered["registeredAgain"] = count(servicesRegisteredAgain);
     document["services"] = registered;
 
+    value requests = value::object(true);
+    requests["sentAgain"] = count(requestsSentAgain);
+    document["requests"] = requests;
+
     value tokens = value::object(true);
     tokens["renewals"] = count(tokenRenewals);
     tokens["failures"] = count(tokenFailures);

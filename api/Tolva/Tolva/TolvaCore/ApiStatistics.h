@@ -104,6 +104,12 @@ class TOLVA_EXPORT ApiStatistics {
     /// polled again after its back-off. Posts, registrations and token requests are never
     /// sent again by the library.
     std::uint64_t transportRetries = 0;
+    /// Requests of any kind sent once more, on a new connection, because they could not be
+    /// written on a kept-alive connection that the server had closed while it was idle (a
+    /// request that was not written cannot have been processed). Counted by the library
+    /// itself; the HTTP library also sends a request again, uncounted, when such a connection
+    /// is closed before the answer's status line.
+    std::uint64_t requestsSentAgain = 0;
 
     /// Notifications handed to listeners (each counted once per mailbox, however many
     /// listeners it has).

@@ -4,9 +4,13 @@
 
 #include "private/ApiDefaults.h"
 #include "private/BearerText.h"
+#include "private/ConnectionPacer.h"
+#include "private/CountText.h"
 #include "private/DeliveryThreads.h"
 #include "private/EventDispatcher.h"
+#include "private/HttpClientMaker.h"
 #include "private/MailboxRegistry.h"
+#include "private/RestCall.h"
 #include "private/StatisticsRecorder.h"
 #include "private/StatisticsReporter.h"
 
@@ -14,6 +18,7 @@
 #include <ZuCore/DebugLog.h>
 #include <ZuCore/Env.h>
 #include <ZuCore/InvalidArgumentException.h>
+#include <ZuCore/LogMacros.h>
 #include <ZuCore/LoggerLocationInfo.h>
 #include <ZuCore/StringConversion.h>
 #include <ZuCore/ThrowException.h>
@@ -37,6 +42,25 @@ std::shared_ptr<Logger> QxPlatformApi::logger_ = Logger::getLogger("TolvaCore.Qx
 
 namespace {
 
+// TOLVA_REQUEST_TIME_LIMIT_MS, or RestCall's default; a bad value is logged and ignored.
+std::chrono::milliseconds timeLimitFromEnvironment() {
+    const std::wstring text =
+        Varkel::Zu::Env::getVar(std::wstring(L"TOLVA_REQUEST_TIME_LIMIT_MS"), L"");
+    if (text.empty()) {
+        return RestCall::kDefaultTimeLimit;
+    }
+    const auto value = countFromText(
+        text, static_cast<std::size_t>(ApiDefaults::kLongestRequestTimeLimit.count()));
+    if (!value ||
+        *value < static_cast<std::size_t>(ApiDefaults::kShortestRequestTimeLimit.count())) {
+        ZU_LOG_WARN(Varkel::Zu::Logger::getLogger("TolvaCore.QxPlatformApi"),
+                    L"TOLVA_REQUEST_TIME_LIMIT_MS is not a number from 100 to 3600000; requests "
+                    L"keep the default time limit.");
+        return RestCall::kDefaultTimeLimit;
+    }
+    return std::chrono::milliseconds(*value);
+}
+
 // The URL and the credential of a configuration document
 // {"url": ..., "logging": {"credentials": ...}}. Throws web::json::json_exception.
 std::pair<std::wstring, std::wstring> readConfiguration(const std::wstring& configuration) {
@@ -52,7 +76,7 @@ std::pair<std::wstring, std::wstring> readConfiguration(const std::wstring& conf
 
 QxPlatformApi::QxPlatformApi(Varkel::Zu::MakeShared::PrivateConstructorType,
                              const std::wstring& url, const std::wstring& key)
-    : platformUrl_(url), apiKey_(key) {
+    : platformUrl_(url), apiKey_(key), requestTimeLimitMs_(timeLimitFromEnvironment().count()) {
     // Made first (none starts a thread yet), so that the first token request is counted and
     // reported, and the heartbeat task finds its recovery thread.
     bearer_ = std::make_shared<BearerText>();
@@ -61,6 +85,7 @@ QxPlatformApi::QxPlatformApi(Varkel::Zu::MakeShared::PrivateConstructorType,
     events_ = std::make_shared<EventDispatcher>();
     recovery_ = std::make_shared<DeliveryThreads>(1, DeliveryThreads::kIdleTime, "QXP recovery");
     mailboxQueue_ = std::make_shared<MailboxQueue>(ZU_MAXUINT32);
+    pacer_ = std::make_shared<ConnectionPacer>(ApiDefaults::kPollsOpeningAtOnce);
     registry_ = std::make_shared<MailboxRegistry>(mailboxQueue_, statistics_, events_,
                                                   deliveryThreads_, recoveryModeFromEnvironment());
     statistics_->setMailboxViews(registry_);
@@ -102,6 +127,7 @@ QxPlatformApi::~QxPlatformApi() {
     }
     if (mailboxQueue_) {
         mailboxQueue_->shutdown();
+        pacer_->stop();
     }
     heartbeatWakeUp_.interruptAll();
     if (heartbeatThread_) {
@@ -190,19 +216,24 @@ std::shared_ptr<QxPlatformApi> QxPlatformApi::createFromQXPlatformConfig(
 }
 
 void QxPlatformApi::createClient() {
-    // The new client is made before the old one goes, so that a call on another thread in
-    // between still has a client to send with. If it cannot be made, no client is kept: the
-    // URL and the client never disagree.
+    // The new clients are made before the old ones go, so that a call on another thread in
+    // between still has a client to send with. If they cannot be made, no client is kept: the
+    // URL and the clients never disagree.
     std::shared_ptr<web::http::client::http_client> client;
+    std::shared_ptr<web::http::client::http_client> pollClient;
     try {
-        client = WebUtils::createHttpClient(getPlatformUrl(), nullptr);
+        const std::wstring url = getPlatformUrl();
+        client = WebUtils::createHttpClient(url, nullptr);
+        pollClient = WebUtils::makeHttpClient(url, ApiDefaults::kPollStepTimeout);
     } catch (...) {
         std::lock_guard<std::mutex> lock(stateMutex_);
         httpClient_.reset();
+        pollClient_.reset();
         throw;
     }
     std::lock_guard<std::mutex> lock(stateMutex_);
     httpClient_ = std::move(client);
+    pollClient_ = std::move(pollClient);
 }
 
 std::wstring QxPlatformApi::getPlatformUrl() const {
@@ -254,6 +285,33 @@ const Token& QxPlatformApi::getCurrentToken() {
 std::shared_ptr<web::http::client::http_client> QxPlatformApi::currentClient() const {
     std::lock_guard<std::mutex> lock(stateMutex_);
     return httpClient_;
+}
+
+std::shared_ptr<web::http::client::http_client> QxPlatformApi::currentPollClient() const {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    return pollClient_;
+}
+
+RestCall QxPlatformApi::platformCall(const web::http::method& method,
+                                     const std::string& path) const {
+    RestCall call(method, path);
+    call.timeLimit(requestTimeLimit()).onResend([statistics = statistics_] {
+        StatisticsRecorder::bump(statistics->requestsSentAgain);
+    });
+    return call;
+}
+
+void QxPlatformApi::setRequestTimeLimit(std::chrono::milliseconds limit) {
+    if (limit < ApiDefaults::kShortestRequestTimeLimit ||
+        limit > ApiDefaults::kLongestRequestTimeLimit) {
+        ZU_THROW(Varkel::Zu::InvalidArgumentException,
+                 L"A request time limit must be from 100 ms to 1 hour.");
+    }
+    requestTimeLimitMs_ = limit.count();
+}
+
+std::chrono::milliseconds QxPlatformApi::requestTimeLimit() const {
+    return std::chrono::milliseconds(requestTimeLimitMs_.load());
 }
 
 Token QxPlatformApi::getCurrentTokenCopy() const {

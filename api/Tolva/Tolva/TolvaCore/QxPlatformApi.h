@@ -56,6 +56,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -71,9 +72,11 @@ namespace Varkel {
 namespace Tolva {
 namespace Rest {
 
+class ConnectionPacer;
 class DeliveryThreads;
 class EventDispatcher;
 class MailboxRegistry;
+class RestCall;
 struct MailboxLife;
 class StatisticsRecorder;
 struct BearerText;
@@ -297,6 +300,18 @@ class TOLVA_EXPORT QxPlatformApi {
     /// ends are dropped. Never throws except std::bad_alloc. Any thread.
     void setEventCallback(std::function<void(const ApiEvent& event)> callback);
 
+    /// The longest a request may take as a whole, from sending it until its answer's body has
+    /// been read, whatever the HTTP library's time-out per step (30 s) allows: a body that
+    /// trickles in keeps restarting that time-out. A request past it is abandoned and fails as
+    /// RequestFailure::Kind::TimedOut ("No complete answer within <n> ms; the request was
+    /// abandoned."). A long poll may take the platform's 30 s wait on top. The default is
+    /// RestCall's 60 s unless the environment variable TOLVA_REQUEST_TIME_LIMIT_MS (100 to
+    /// 3600000) said otherwise when the object was made. Applies to requests sent from now on.
+    /// Throws Varkel::Zu::InvalidArgumentException outside 100 ms to 1 h. Any thread.
+    void setRequestTimeLimit(std::chrono::milliseconds limit);
+    /// The limit in force. Any thread.
+    std::chrono::milliseconds requestTimeLimit() const;
+
   protected:
     /// Requests a new access token ("/identity/connect/token", client-credentials grant) and
     /// then the identity service's key set, and reads the platform account from the token's
@@ -359,7 +374,7 @@ class TOLVA_EXPORT QxPlatformApi {
     /// The parts of one poll: its start, the answer's handling and the end of the poll's task.
     /// Every outcome goes to the mailbox registry, which decides what follows.
     struct PollContext;
-    void startPoll(std::shared_ptr<MailboxLife> life);
+    void startPoll(std::shared_ptr<MailboxLife> life, std::shared_ptr<void> openingSlot = nullptr);
     void abandonPoll(bool counted, const std::shared_ptr<PollContext>& poll,
                      std::shared_ptr<MailboxLife> life, const std::wstring& reason);
     pplx::task<void> handlePollResponse(const std::shared_ptr<PollContext>& poll,
@@ -395,6 +410,12 @@ class TOLVA_EXPORT QxPlatformApi {
     void heartbeatPass();
     std::vector<ServiceCredentials> copyServiceTable() const;
     std::shared_ptr<web::http::client::http_client> currentClient() const;
+    /// The client of the long polls: the same platform, with a longer time-out per step (the
+    /// platform holds a poll up to 30 s before it answers).
+    std::shared_ptr<web::http::client::http_client> currentPollClient() const;
+    /// A request to the platform with what every request of this object gets: its time limit
+    /// and the count of requests sent again on a new connection.
+    RestCall platformCall(const web::http::method& method, const std::string& path) const;
     std::wstring currentAccessToken() const;
     /// "Bearer " + the current access token as it stands, as header text.
     std::string bearerAuthorization() const;
@@ -438,6 +459,10 @@ class TOLVA_EXPORT QxPlatformApi {
     std::shared_ptr<Varkel::Zu::Thread> heartbeatThread_;
     Varkel::Zu::ConditionVariable heartbeatWakeUp_;
     std::shared_ptr<web::http::client::http_client> httpClient_;
+    std::shared_ptr<web::http::client::http_client> pollClient_;
+    std::atomic<std::int64_t> requestTimeLimitMs_;
+    /// Paces the polls that open new connections (see ConnectionPacer).
+    std::shared_ptr<ConnectionPacer> pacer_;
     pplx::cancellation_token_source receptionCancellation_;
     std::shared_ptr<MailboxQueue> mailboxQueue_;
     std::shared_ptr<Varkel::Zu::Thread> queryLauncherThread_;

@@ -6,6 +6,7 @@
 
 #include "private/ApiDefaults.h"
 #include "private/BearerText.h"
+#include "private/ConnectionPacer.h"
 #include "private/DeliveryThreads.h"
 #include "private/MailboxListenerWithWait.h"
 #include "private/MailboxRegistry.h"
@@ -74,6 +75,9 @@ struct QxPlatformApi::PollContext {
     pplx::cancellation_token_source cancellation;
     pplx::cancellation_token stoppingToken;
     pplx::cancellation_token_registration stopRegistration;
+    // The poll's place among the polls opening a connection; given back when its request is
+    // written or when it ends.
+    std::shared_ptr<ConnectionPacer::Slot> openingSlot;
 };
 
 void QxPlatformApi::queryLauncherThreadLoop() {
@@ -105,8 +109,15 @@ void QxPlatformApi::queryLauncherThreadLoop() {
                 // object, which this thread cannot destroy: the destructor joins it).
                 deliveryThreads_->release(std::move(mailbox));
             }
+            // New connections are paced (their handshakes would otherwise queue past the
+            // time-out); the wait ends when an opening poll is through, or with the object.
+            std::shared_ptr<ConnectionPacer::Slot> slot = pacer_->acquire();
+            if (!slot) {
+                registry_->letGo(std::move(life));
+                return;
+            }
             // Handed over whole: this thread keeps no reference once the poll is started.
-            startPoll(std::move(life));
+            startPoll(std::move(life), std::move(slot));
         } catch (const std::exception& e) {
             ZU_LOG_CAPPED(logger_, Logger::getErrorLevel(), ApiDefaults::kLogCapMs,
                           widen(e.what()));
@@ -122,7 +133,8 @@ void QxPlatformApi::retrieveMail(const std::shared_ptr<Mailbox>& mailbox) {
     }
 }
 
-void QxPlatformApi::startPoll(std::shared_ptr<MailboxLife> life) {
+void QxPlatformApi::startPoll(std::shared_ptr<MailboxLife> life,
+                              std::shared_ptr<void> openingSlot) {
     const std::wstring mailboxId = life->id;
     bool counted = false;
     std::shared_ptr<PollContext> poll;
@@ -138,8 +150,9 @@ void QxPlatformApi::startPoll(std::shared_ptr<MailboxLife> life) {
             registry_->letGo(std::move(life));
             return;
         }
-        RestCall call(web::http::methods::GET, std::string(ApiDefaults::kNotificationsPath) + "/" +
-                                                   narrow(mailboxId) + ApiDefaults::kPollQuery);
+        RestCall call = platformCall(web::http::methods::GET,
+                                     std::string(ApiDefaults::kNotificationsPath) + "/" +
+                                         narrow(mailboxId) + ApiDefaults::kPollQuery);
         {
             std::lock_guard<std::mutex> lock(pollsMutex_);
             ++pollsInFlight_;
@@ -149,14 +162,21 @@ void QxPlatformApi::startPoll(std::shared_ptr<MailboxLife> life) {
         poll = std::make_shared<PollContext>(life, bearer, receptionCancellation_.get_token());
         call.header("User-Agent", RestCall::kUserAgent)
             .header("Authorization", bearer)
-            .cancellation(poll->cancellation.get_token());
+            .cancellation(poll->cancellation.get_token())
+            .timeLimit(ApiDefaults::kPlatformPollWait + requestTimeLimit());
+        if (openingSlot) {
+            // The slot goes back once the request is written, or with the poll's chain.
+            auto slot = std::static_pointer_cast<ConnectionPacer::Slot>(openingSlot);
+            call.onWritten([slot] { slot->release(); });
+            poll->openingSlot = std::move(slot);
+        }
 
         // Counted before it leaves: a snapshot never sees an outcome without its poll.
         StatisticsRecorder::bump(statistics_->pollsSent);
         // Every outcome is taken by the last continuation, so no task of a poll ever ends
         // holding an exception nobody observes (that would end the process).
         pplx::task<void> receptionTask =
-            call.sendUnchecked(currentClient())
+            call.sendUnchecked(currentPollClient())
                 .then([this, poll](pplx::task<http_response> responseTask) {
                     return handlePollResponse(poll, responseTask);
                 })
@@ -180,6 +200,9 @@ void QxPlatformApi::startPoll(std::shared_ptr<MailboxLife> life) {
                                       L"Mailbox " + poll->mailboxId + L" stopped receiving mail.");
                     }
                     poll->endCancellation();
+                    if (poll->openingSlot) {
+                        poll->openingSlot->release();
+                    }
                     // The poll's own reference to the mailbox may be the last one, and its
                     // listener may hold this object: it goes on a delivery thread, never on
                     // this pool thread.

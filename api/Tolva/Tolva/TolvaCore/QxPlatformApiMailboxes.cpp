@@ -86,7 +86,7 @@ void QxPlatformApi::postMailboxCreation(const std::shared_ptr<Mailbox>& mailbox,
     }
     body["durable"] = value::boolean(mailbox->getDurable());
 
-    RestCall call(web::http::methods::POST, ApiDefaults::kMailboxPath);
+    RestCall call = platformCall(web::http::methods::POST, ApiDefaults::kMailboxPath);
     call.header("Accept", RestCall::kJsonContentType)
         .header("Content-Type", RestCall::kJsonContentType)
         .header("User-Agent", RestCall::kUserAgent)
@@ -149,7 +149,7 @@ void QxPlatformApi::changeSubscription(const std::shared_ptr<const Mailbox>& mai
     const std::string path = std::string(ApiDefaults::kMailboxPath) + "/" +
                              narrow(idText(*mailbox)) + change.pathWord +
                              narrow(CommonUtil::encodeUnsafeURLCharacters(lowerCaseTopic(topic)));
-    RestCall call(web::http::methods::POST, path);
+    RestCall call = platformCall(web::http::methods::POST, path);
     call.header("Accept", RestCall::kJsonContentType)
         .header("Content-Type", RestCall::kJsonContentType)
         .header("User-Agent", RestCall::kUserAgent)
@@ -193,9 +193,10 @@ void QxPlatformApi::deleteMailbox(const std::shared_ptr<const Mailbox>& mailbox)
 void QxPlatformApi::sendMailboxDeletion(const Mailbox& mailbox, const std::wstring& mailboxId) {
     validateToken();
     // Deletion addresses the mailbox by its secret, not by its id.
-    RestCall call(web::http::methods::DEL,
-                  std::string(ApiDefaults::kMailboxPath) + "/" +
-                      narrow(CommonUtil::encodeUnsafeURLCharacters(mailbox.getSecret())));
+    RestCall call =
+        platformCall(web::http::methods::DEL,
+                     std::string(ApiDefaults::kMailboxPath) + "/" +
+                         narrow(CommonUtil::encodeUnsafeURLCharacters(mailbox.getSecret())));
     call.header("Accept", RestCall::kJsonContentType)
         .header("Content-Type", RestCall::kJsonContentType)
         .header("User-Agent", RestCall::kUserAgent)

@@ -23,7 +23,7 @@ void QxPlatformApi::postNotification(const std::wstring& topic, const std::wstri
                                      unsigned int ttl) {
     validateToken();
 
-    RestCall call(web::http::methods::POST, ApiDefaults::kNotificationsPath);
+    RestCall call = platformCall(web::http::methods::POST, ApiDefaults::kNotificationsPath);
     call.header("Accept", RestCall::kJsonContentType)
         .header("Content-Type", RestCall::kJsonContentType)
         .header("User-Agent", RestCall::kUserAgent)

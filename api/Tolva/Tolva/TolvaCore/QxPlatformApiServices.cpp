@@ -53,7 +53,7 @@ void QxPlatformApi::registerService(
                      L" to QXP...");
     inout_serviceInfo->validate();
 
-    RestCall call(web::http::methods::POST, ApiDefaults::kServicePath);
+    RestCall call = platformCall(web::http::methods::POST, ApiDefaults::kServicePath);
     call.header("Content-Type", RestCall::kJsonContentType)
         .header("User-Agent", RestCall::kUserAgent)
         .header("Authorization", requestAuthorization())
@@ -101,7 +101,8 @@ void QxPlatformApi::unregisterService(const std::wstring& serviceId) {
     }
 
     try {
-        RestCall call(web::http::methods::DEL, servicePath(serviceId, serviceSecret));
+        RestCall call =
+            platformCall(web::http::methods::DEL, servicePath(serviceId, serviceSecret));
         call.header("User-Agent", RestCall::kUserAgent)
             .header("Authorization", requestAuthorization())
             .accept({status_codes::NoContent})
@@ -213,7 +214,8 @@ std::vector<QxPlatformApi::ServiceCredentials> QxPlatformApi::copyServiceTable()
 int QxPlatformApi::sendHeartbeat(const std::wstring& serviceId, const std::wstring& serviceSecret) {
     int status = 0;
     try {
-        RestCall call(web::http::methods::PUT, servicePath(serviceId, serviceSecret) + "/health");
+        RestCall call = platformCall(web::http::methods::PUT,
+                                     servicePath(serviceId, serviceSecret) + "/health");
         call.header("User-Agent", RestCall::kUserAgent)
             .header("Authorization", requestAuthorization())
             .jsonBody(value::null());

@@ -120,14 +120,14 @@ void QxPlatformApi::tokenRequestSucceeded() {
 Token QxPlatformApi::getToken() {
     const auto client = currentClient();
 
-    RestCall tokenCall(web::http::methods::POST, ApiDefaults::kTokenPath);
+    RestCall tokenCall = platformCall(web::http::methods::POST, ApiDefaults::kTokenPath);
     tokenCall.header("Accept", RestCall::kJsonContentType)
         .header("Content-Type", ApiDefaults::kFormContentType)
         .header("User-Agent", RestCall::kUserAgent)
         .header("Authorization", narrow(L"Basic " + getPlatformApiKey()))
         .accept({status_codes::OK})
         .failureText(L"Get token failed ");
-    RestCall keySetCall(web::http::methods::GET, ApiDefaults::kKeySetPath);
+    RestCall keySetCall = platformCall(web::http::methods::GET, ApiDefaults::kKeySetPath);
     keySetCall.header("Accept", RestCall::kJsonContentType)
         .header("User-Agent", RestCall::kUserAgent)
         .accept({status_codes::OK})

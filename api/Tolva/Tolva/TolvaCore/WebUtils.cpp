@@ -15,6 +15,8 @@
 #include <pplx/threadpool.h>
 
 #include "private/CountText.h"
+#include "private/HttpClientMaker.h"
+#include "private/ProxySettings.h"
 #include "private/TlsTrust.h"
 
 namespace Varkel {
@@ -100,6 +102,44 @@ void settleHttpThreadPool() noexcept {
     }
 }
 
+namespace {
+
+// The client for url with the proxy the environment names for it (see ProxySettings).
+web::http::client::http_client_config configFor(const web::uri& target) {
+    web::http::client::http_client_config config;
+    const ProxySettings::Choice proxy = ProxySettings::forTarget(target);
+    config.set_proxy(ProxySettings::toWebProxy(proxy));
+    // The proxy's address may carry credentials: only the variable's name is logged.
+    switch (proxy.mode) {
+        case ProxySettings::Choice::Mode::AutoDiscovery:
+            ZU_LOG_DEBUG(webUtilLogger(), L"HTTP client uses automatic proxy discovery.");
+            break;
+        case ProxySettings::Choice::Mode::Given:
+            ZU_LOG_DEBUG(webUtilLogger(), L"HTTP client uses the proxy given by " +
+                                              Varkel::Zu::widen(proxy.variable) +
+                                              (proxy.credentials ? L", with credentials." : L"."));
+            break;
+        case ProxySettings::Choice::Mode::Direct:
+            ZU_LOG_DEBUG(webUtilLogger(),
+                         L"HTTP client goes direct: its host is listed in no_proxy.");
+            break;
+        case ProxySettings::Choice::Mode::SystemDefault:
+            break;
+    }
+    return config;
+}
+
+}  // namespace
+
+std::shared_ptr<web::http::client::http_client> makeHttpClient(const std::wstring& url,
+                                                               std::chrono::seconds stepTimeout) {
+    settleHttpThreadPool();
+    const web::uri target(Varkel::Zu::narrow(url));
+    web::http::client::http_client_config config = configFor(target);
+    config.set_timeout(stepTimeout);
+    return TlsTrust::makeClient(target, config);
+}
+
 std::shared_ptr<web::http::client::http_client> createHttpClient(
     const std::wstring& url, const std::shared_ptr<Rest::QxPlatformApi>& api) {
     using Varkel::Zu::narrow;
@@ -107,27 +147,10 @@ std::shared_ptr<web::http::client::http_client> createHttpClient(
     // Making a client already starts the pool: its size must be settled before.
     settleHttpThreadPool();
 
-    web::http::client::http_client_config config;
+    const web::uri target(narrow(url));
+    web::http::client::http_client_config config = configFor(target);
 
-    const std::wstring proxy = Varkel::Zu::Env::getVar(std::wstring(L"http_proxy"), L"");
-    if (proxy == L"auto") {
-        config.set_proxy(web::web_proxy(web::web_proxy::use_auto_discovery));
-        ZU_LOG_DEBUG(webUtilLogger(), L"HTTP client uses automatic proxy discovery.");
-    } else if (!proxy.empty()) {
-        // The proxy URI may carry credentials, so it is not logged, and a malformed one is
-        // reported without its text: the HTTP library's own message quotes the whole value,
-        // and callers log exception texts.
-        web::uri proxyUri;
-        try {
-            proxyUri = web::uri(narrow(proxy));
-        } catch (const web::uri_exception&) {
-            throw web::uri_exception("The http_proxy value is not a valid URI.");
-        }
-        config.set_proxy(web::web_proxy(proxyUri));
-        ZU_LOG_DEBUG(webUtilLogger(), L"HTTP client uses the proxy given by http_proxy.");
-    }
-
-    auto client = TlsTrust::makeClient(web::uri(narrow(url)), config);
+    auto client = TlsTrust::makeClient(target, config);
 
     if (api) {
         // Only the token's header text is held, and weakly: the stage must never hold the API

@@ -1,100 +1,337 @@
 #include "RestCall.h"
 
+#include <TolvaCore/PlatformRequestError.h>
+
 #include <ZuCore/DebugLog.h>
 #include <ZuCore/StringConversion.h>
 
+#include "RequestDeadline.h"
+#include "TlsTrust.h"
+
 #include <algorithm>
-#include <stdexcept>
+#include <cctype>
+#include <system_error>
 
 namespace Varkel {
 namespace Tolva {
 namespace Rest {
 
 using web::http::http_exception;
+using web::http::http_request;
 using web::http::http_response;
+using Client = web::http::client::http_client;
 
-RestCall::RestCall(const web::http::method& method, const std::string& path) : request_(method) {
-    request_.set_request_uri(path);
+// What an operation asked for; copied when the request is sent, so that the continuations
+// own what they use.
+struct RestCall::Plan {
+    web::http::method method;
+    std::string path;
+    std::vector<std::pair<std::string, std::string>> headers;
+    std::optional<std::pair<std::string, std::string>> body;  // text, content type
+    std::vector<web::http::status_code> accepted;
+    std::wstring failureText;
+    std::wstring failureSuffix;
+    std::function<void()> beforeFailure;
+    std::function<void()> onResend;
+    std::function<void()> onWritten;
+    pplx::cancellation_token cancellation = pplx::cancellation_token::none();
+    std::chrono::milliseconds timeLimit = RestCall::kDefaultTimeLimit;
+
+    // A new request each time: a request object can be sent only once.
+    http_request build() const {
+        http_request request(method);
+        request.set_request_uri(path);
+        for (const auto& header : headers) {
+            request.headers().add(header.first, header.second);
+        }
+        if (body) {
+            // The two-argument overload keeps the given content type; the one-argument one
+            // would replace a type set earlier with the library's text default.
+            request.set_body(body->first, body->second);
+        }
+        if (onWritten) {
+            request.set_progress_handler(
+                [hook = onWritten](web::http::message_direction::direction direction,
+                                   utility::size64_t) {
+                    if (direction == web::http::message_direction::upload) {
+                        hook();
+                    }
+                });
+        }
+        return request;
+    }
+};
+
+namespace {
+
+// The HTTP library's texts for a request that could not be written (before any answer).
+bool notWritten(const http_exception& e) {
+    if (e.error_code() == std::errc::timed_out) {
+        return false;
+    }
+    const std::string text = e.what();
+    return text.rfind("Failed to write request headers", 0) == 0 ||
+           text.rfind("Failed to write request body", 0) == 0;
+}
+
+bool isTlsFailure(const std::string& text) {
+    return text.rfind("TLS handshake with ", 0) == 0 ||
+           text.find("SSL handshake") != std::string::npos;
+}
+
+PlatformHttpException timedOut(const RequestDeadline& deadline) {
+    return PlatformHttpException(static_cast<int>(std::errc::timed_out),
+                                 "No complete answer within " +
+                                     std::to_string(deadline.limit().count()) +
+                                     " ms; the request was abandoned.",
+                                 RequestFailure::Kind::TimedOut);
+}
+
+// The failure of an attempt, with its kind.
+PlatformHttpException failureOf(const std::exception_ptr& failure,
+                                const RequestDeadline& deadline) {
+    if (deadline.expired() && !deadline.cancelledByCaller()) {
+        return timedOut(deadline);
+    }
+    try {
+        std::rethrow_exception(failure);
+    } catch (const http_exception& e) {
+        return RestCall::classify(e);
+    } catch (const std::exception& e) {
+        return PlatformHttpException(0, e.what(), RequestFailure::Kind::Transport);
+    } catch (...) {
+        return PlatformHttpException(0, "Unknown failure.", RequestFailure::Kind::Transport);
+    }
+}
+
+// The answer of one attempt with its body read (within the deadline, as the body may trickle).
+pplx::task<http_response> attempt(const std::shared_ptr<Client>& client,
+                                  const std::shared_ptr<const RestCall::Plan>& plan,
+                                  const std::shared_ptr<RequestDeadline>& deadline,
+                                  bool mayResend) {
+    return client->request(plan->build(), deadline->token())
+        .then([client, plan, deadline,
+               mayResend](pplx::task<http_response> sent) -> pplx::task<http_response> {
+            http_response response;
+            try {
+                response = sent.get();
+            } catch (const http_exception& e) {
+                if (mayResend && notWritten(e) && !deadline->token().is_canceled()) {
+                    if (plan->onResend) {
+                        plan->onResend();
+                    }
+                    // A client of its own has no pooled connection: the request surely goes on a
+                    // new one, whatever else the old client's pool holds.
+                    auto fresh = TlsTrust::makeClient(client->base_uri(), client->client_config());
+                    return attempt(fresh, plan, deadline, false);
+                }
+                throw;
+            }
+            return response.content_ready();
+        });
+}
+
+std::string lowerCase(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+// A page written for a browser (a proxy's error page) says nothing a caller can use but its
+// text: the status, the reason and a short, one-line excerpt without markup.
+std::string pageExcerpt(web::http::status_code status, const std::string& reason,
+                        const std::string& page) {
+    constexpr std::size_t kLongest = 160;
+    std::string text;
+    bool inTag = false;
+    bool space = false;
+    for (const char c : page) {
+        if (c == '<') {
+            inTag = true;
+            space = true;
+            continue;
+        }
+        if (c == '>') {
+            inTag = false;
+            continue;
+        }
+        if (inTag) {
+            continue;
+        }
+        if (std::isspace(static_cast<unsigned char>(c)) != 0 ||
+            static_cast<unsigned char>(c) < 0x20) {
+            space = true;
+            continue;
+        }
+        if (space && !text.empty()) {
+            text += ' ';
+        }
+        space = false;
+        text += c;
+        if (text.size() >= kLongest) {
+            text += "...";
+            break;
+        }
+    }
+    std::string summary = "HTTP status " + std::to_string(status);
+    if (!reason.empty()) {
+        summary += " " + reason;
+    }
+    if (!text.empty()) {
+        summary += ": " + text;
+    }
+    return summary;
+}
+
+bool isPage(const http_response& response) {
+    const auto type = response.headers().content_type();
+    return lowerCase(type).find("text/html") != std::string::npos;
+}
+
+}  // namespace
+
+RestCall::RestCall(const web::http::method& method, const std::string& path)
+    : plan_(std::make_shared<Plan>()) {
+    plan_->method = method;
+    plan_->path = path;
 }
 
 RestCall& RestCall::header(const char* name, const std::string& value) {
-    request_.headers().add(name, value);
+    plan_->headers.emplace_back(name, value);
     return *this;
 }
 
 RestCall& RestCall::jsonBody(const web::json::value& body) {
-    request_.set_body(body);
+    plan_->body = std::make_pair(body.serialize(), std::string(kJsonContentType));
     return *this;
 }
 
 RestCall& RestCall::textBody(const std::string& body, const char* contentType) {
-    // The two-argument overload keeps the given content type; the one-argument one would
-    // replace a type set earlier with the library's text default.
-    request_.set_body(body, contentType);
+    plan_->body = std::make_pair(body, std::string(contentType));
     return *this;
 }
 
 RestCall& RestCall::accept(std::initializer_list<web::http::status_code> statuses) {
-    accepted_.assign(statuses.begin(), statuses.end());
+    plan_->accepted.assign(statuses.begin(), statuses.end());
     return *this;
 }
 
 RestCall& RestCall::failureText(std::wstring text, std::wstring suffix) {
-    failureText_ = std::move(text);
-    failureSuffix_ = std::move(suffix);
+    plan_->failureText = std::move(text);
+    plan_->failureSuffix = std::move(suffix);
     return *this;
 }
 
 RestCall& RestCall::beforeFailure(std::function<void()> hook) {
-    beforeFailure_ = std::move(hook);
+    plan_->beforeFailure = std::move(hook);
     return *this;
 }
 
 RestCall& RestCall::cancellation(const pplx::cancellation_token& token) {
-    cancellation_ = token;
+    plan_->cancellation = token;
     return *this;
 }
 
-pplx::task<http_response> RestCall::sendUnchecked(
-    const std::shared_ptr<web::http::client::http_client>& client) const {
-    if (!client) {
-        return pplx::task_from_exception<http_response>(
-            http_exception("No HTTP client for the platform URL."));
+RestCall& RestCall::timeLimit(std::chrono::milliseconds limit) {
+    plan_->timeLimit = limit;
+    return *this;
+}
+
+RestCall& RestCall::onResend(std::function<void()> hook) {
+    plan_->onResend = std::move(hook);
+    return *this;
+}
+
+RestCall& RestCall::onWritten(std::function<void()> hook) {
+    plan_->onWritten = std::move(hook);
+    return *this;
+}
+
+PlatformHttpException RestCall::classify(const http_exception& e) {
+    if (const auto* typed = dynamic_cast<const PlatformHttpException*>(&e)) {
+        return *typed;
     }
-    return client->request(request_, cancellation_);
+    const std::string text = e.what();
+    RequestFailure::Kind kind = RequestFailure::Kind::Transport;
+    if (e.error_code() == std::errc::timed_out) {
+        kind = RequestFailure::Kind::TimedOut;
+    } else if (isTlsFailure(text)) {
+        kind = RequestFailure::Kind::Tls;
+    }
+    return PlatformHttpException(e.error_code().value(), text, kind);
 }
 
-pplx::task<http_response> RestCall::send(
-    const std::shared_ptr<web::http::client::http_client>& client) const {
+pplx::task<http_response> RestCall::sendUnchecked(const std::shared_ptr<Client>& client) const {
+    if (!client) {
+        return pplx::task_from_exception<http_response>(PlatformHttpException(
+            0, "No HTTP client for the platform URL.", RequestFailure::Kind::Transport));
+    }
+    const std::shared_ptr<const Plan> plan = std::make_shared<const Plan>(*plan_);
+    std::shared_ptr<RequestDeadline> deadline;
+    pplx::task<http_response> answer;
+    try {
+        deadline = RequestDeadline::start(plan->timeLimit, plan->cancellation);
+        answer = attempt(client, plan, deadline, true);
+    } catch (...) {
+        // Making the request failed before it left (a bad path, no memory).
+        return pplx::task_from_exception<http_response>(PlatformHttpException(
+            0, "The request could not be sent.", RequestFailure::Kind::Transport));
+    }
+    // The last continuation takes every outcome: the clock stops, and a failure leaves with
+    // its kind.
+    return answer.then([deadline](pplx::task<http_response> done) -> http_response {
+        deadline->finish();
+        try {
+            return done.get();
+        } catch (...) {
+            throw failureOf(std::current_exception(), *deadline);
+        }
+    });
+}
+
+pplx::task<http_response> RestCall::send(const std::shared_ptr<Client>& client) const {
     // The continuation owns copies of what it needs: it may run after this object is gone.
-    return sendUnchecked(client).then(
-        [accepted = accepted_, failureText = failureText_, failureSuffix = failureSuffix_,
-         beforeFailure = beforeFailure_](http_response response) -> pplx::task<http_response> {
-            const web::http::status_code status = response.status_code();
-            if (std::find(accepted.begin(), accepted.end(), status) != accepted.end()) {
-                return pplx::task_from_result(response);
-            }
-            if (beforeFailure) {
-                beforeFailure();
-            }
-            Varkel::Zu::DebugLog::error(failureText + std::to_wstring(status) + L" " +
-                                        Varkel::Zu::widen(response.reason_phrase()) +
-                                        failureSuffix);
-            // The body is read asynchronously so that no continuation blocks a pool thread.
-            return response.extract_string(true).then(
-                [status](const std::string& body) -> http_response {
-                    throw http_exception(status, body);
-                });
-        });
+    return sendUnchecked(client).then([plan = plan_](
+                                          http_response response) -> pplx::task<http_response> {
+        const web::http::status_code status = response.status_code();
+        if (std::find(plan->accepted.begin(), plan->accepted.end(), status) !=
+            plan->accepted.end()) {
+            return pplx::task_from_result(response);
+        }
+        if (plan->beforeFailure) {
+            plan->beforeFailure();
+        }
+        const std::string reason = response.reason_phrase();
+        Varkel::Zu::DebugLog::error(plan->failureText + std::to_wstring(status) + L" " +
+                                    Varkel::Zu::widen(reason) + plan->failureSuffix);
+        // A proxy's answer (its own error page, or its request for credentials) is told by
+        // status and an excerpt; the platform's own bodies stay as they are.
+        const bool page = status == web::http::status_codes::ProxyAuthRequired || isPage(response);
+        // Read asynchronously (the body is there already), so no continuation waits.
+        return response.extract_utf8string(true).then(
+            [status, reason, page](pplx::task<std::string> read) -> http_response {
+                std::string body;
+                try {
+                    body = read.get();
+                } catch (const std::exception&) {
+                    body.clear();
+                }
+                if (page) {
+                    body = pageExcerpt(status, reason, body);
+                }
+                throw PlatformHttpException(status, body, RequestFailure::Kind::HttpStatus, status,
+                                            reason);
+            });
+    });
 }
 
-http_response RestCall::perform(
-    const std::shared_ptr<web::http::client::http_client>& client) const {
+http_response RestCall::perform(const std::shared_ptr<Client>& client) const {
     return send(client).get();
 }
 
 void RestCall::throwAsStdException(const http_exception& e) {
-    throw std::runtime_error(e.what());
+    const PlatformHttpException typed = classify(e);
+    throw PlatformRequestError(typed.what(), typed);
 }
 
 }  // namespace Rest

@@ -1,25 +1,39 @@
 // RestCall: the one way the library sends a platform request. An operation states what
 // differs (method, path, headers in the order it adds them, body, the statuses it accepts and
-// its failure text); RestCall builds the request, sends it through the API object's client and
-// checks the status. A status outside the accepted ones writes
+// its failure text); RestCall builds the request, sends it through the API object's client,
+// reads the whole answer and checks the status. A status outside the accepted ones writes
 // "ERROR: " + failure text + status + " " + reason phrase to the debug log and fails the task
-// with web::http::http_exception(status, response body).
+// with a PlatformHttpException (a web::http::http_exception of status and response body).
 //
 //   RestCall call(web::http::methods::POST, "/notifications/api/v1/mailbox");
 //   call.header("Accept", RestCall::kJsonContentType).jsonBody(body)
 //       .accept({web::http::status_codes::OK}).failureText(L"Create Mailbox failed ");
 //   web::http::http_response response = call.perform(client);
 //
+// What every request gets, whatever the operation:
+// - an overall time limit (timeLimit, kDefaultTimeLimit unless set) from sending until the
+//   answer's body has been read; past it the request is abandoned and fails as timed out;
+// - one more try on a new connection when the request could not be written at all: a
+//   kept-alive connection that the server closed while it was idle fails the first write that
+//   follows, and a request that was not written cannot have been processed. (A connection
+//   closed before the status line is retried by the HTTP library itself, when it was reused.)
+// - failures of a kind (RequestFailure): transport, time-out, HTTP status, TLS.
+//
 // Internal to the library: cpprestsdk stays behind this class and the API object's sources.
 #pragma once
+
+#include <TolvaCore/PlatformHttpException.h>
+#include <TolvaCore/PlatformReplyError.h>
 
 #include <cpprest/http_client.h>
 #include <cpprest/json.h>
 #include <pplx/pplxtasks.h>
 
+#include <chrono>
 #include <functional>
 #include <initializer_list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -33,6 +47,11 @@ class RestCall {
     // Header values the operations share.
     static constexpr const char* kUserAgent = "Tolva";
     static constexpr const char* kJsonContentType = "application/json";
+
+    // The overall limit of a request unless timeLimit says otherwise: twice the client's
+    // 30 s step time-out, so a request that used a whole step waiting for its answer still
+    // has a whole step for the body.
+    static constexpr std::chrono::milliseconds kDefaultTimeLimit{60000};
 
     RestCall(const web::http::method& method, const std::string& path);
 
@@ -61,13 +80,25 @@ class RestCall {
     // Cancels the request with the token (the task then fails with http_exception).
     RestCall& cancellation(const pplx::cancellation_token& token);
 
-    // Sends. The task yields the response when its status is accepted and fails with
-    // web::http::http_exception otherwise, or when the request fails in transport or no client
-    // is given. Never throws itself.
+    // The overall limit of this request (see above).
+    RestCall& timeLimit(std::chrono::milliseconds limit);
+
+    // Runs (on a pool thread) when the request is sent once more on a new connection.
+    RestCall& onResend(std::function<void()> hook);
+
+    // Runs (on a pool thread) once the request has been written on its connection, which is
+    // then open (reused, or connected and through its TLS handshake); again if it is sent
+    // once more.
+    RestCall& onWritten(std::function<void()> hook);
+
+    // Sends. The task yields the response, its body read, when its status is accepted and
+    // fails with PlatformHttpException otherwise, or when the request fails in transport, in
+    // time or no client is given. Never throws itself.
     pplx::task<web::http::http_response> send(
         const std::shared_ptr<web::http::client::http_client>& client) const;
 
-    // Sends without checking the status; the task fails only in transport (or for no client).
+    // Sends without checking the status; the task fails only in transport or time (or for no
+    // client).
     pplx::task<web::http::http_response> sendUnchecked(
         const std::shared_ptr<web::http::client::http_client>& client) const;
 
@@ -77,26 +108,35 @@ class RestCall {
         const std::shared_ptr<web::http::client::http_client>& client) const;
 
     // Runs `operation`; a web::http::http_exception coming out of it is thrown again as a
-    // plain std::exception (std::runtime_error) with the same what() text, the way the
-    // posting, registration and token operations report failures.
+    // plain std::exception (a PlatformRequestError, a std::runtime_error) with the same what()
+    // text and, when known, the same kind, the way the posting, registration and token
+    // operations report failures. A web::json::json_exception (an answer that cannot be read)
+    // leaves as a PlatformReplyError, which is one.
     template <class Operation>
     static auto translatingHttpFailure(Operation&& operation) -> decltype(operation()) {
         try {
             return operation();
         } catch (const web::http::http_exception& e) {
             throwAsStdException(e);
+        } catch (const PlatformReplyError&) {
+            throw;
+        } catch (const web::json::json_exception& e) {
+            // An accepted answer that cannot be read: still a json_exception, now with its kind.
+            throw PlatformReplyError(e.what());
         }
     }
+
+    // The kind of failure e stands for, as a PlatformHttpException (e itself when it already
+    // is one).
+    static PlatformHttpException classify(const web::http::http_exception& e);
+
+    // What an operation asked for (internal).
+    struct Plan;
 
   private:
     [[noreturn]] static void throwAsStdException(const web::http::http_exception& e);
 
-    web::http::http_request request_;
-    std::vector<web::http::status_code> accepted_;
-    std::wstring failureText_;
-    std::wstring failureSuffix_;
-    std::function<void()> beforeFailure_;
-    pplx::cancellation_token cancellation_ = pplx::cancellation_token::none();
+    std::shared_ptr<Plan> plan_;
 };
 
 }  // namespace Rest

@@ -97,6 +97,7 @@ ApiStatistics StatisticsRecorder::snapshot() const {
     stats.statusRetries = statusRetries.load();
     stats.pollsWaitingForToken = pollsWaitingForToken.load();
     stats.mailboxesRecreated = mailboxesRecreated.load();
+    stats.requestsSentAgain = requestsSentAgain.load();
     stats.servicesRegisteredAgain = servicesRegisteredAgain.load();
     stats.pollsUnreadable = pollsUnreadable.load();
     stats.pollsStatusFailures = pollsStatusFailures.load();

@@ -76,6 +76,7 @@ class StatisticsRecorder {
     Counter mailboxesRecreated{0};
     Counter servicesRegisteredAgain{0};
     Counter transportRetries{0};
+    Counter requestsSentAgain{0};
     Counter mailDelivered{0};
     Counter listenerExceptions{0};
     Counter tokenRenewals{0};
