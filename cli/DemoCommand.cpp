@@ -41,9 +41,9 @@ using Varkel::Tolva::Rest::QxPlatformApi;
 using namespace Varkel::Tolva::Rest::Model;
 using Clock = std::chrono::steady_clock;
 
-// Answers every request it hears on the reply topic, through its own API object. It holds
-// that object weakly: a strong reference from a listener would keep the object alive until
-// its mailbox is deleted.
+// Answers every request it hears, through its own API object, from inside the listener (on a
+// delivery thread, where posting is allowed). It holds that object weakly: a strong reference
+// from a listener would keep the object alive until its mailbox is deleted.
 class Responder : public MailboxListener {
   public:
     explicit Responder(std::weak_ptr<QxPlatformApi> api) : api_(std::move(api)) {}
