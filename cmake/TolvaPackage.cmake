@@ -25,9 +25,19 @@ install(FILES
     ${PROJECT_BINARY_DIR}/TolvaCoreConfigVersion.cmake
     DESTINATION ${TOLVA_CMAKE_DIR})
 
+# The pkg-config file gives a host the compile definitions that Tolva::TolvaCore gives a CMake
+# host: those of ZuCore and TolvaCore and of what they link publicly (cpprestsdk's, say), read
+# from the target when the build is generated, so that the two never drift apart. A host built
+# either way then compiles the headers alike (tests/package/RunFlagsCheck.cmake compares them).
 file(RELATIVE_PATH TOLVA_PC_UP /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
-configure_file(${PROJECT_SOURCE_DIR}/cmake/tolvacore.pc.in ${PROJECT_BINARY_DIR}/tolvacore.pc
-    @ONLY)
+set(_tolva_pc_definitions
+    "$<REMOVE_DUPLICATES:$<TARGET_PROPERTY:TolvaCore,INTERFACE_COMPILE_DEFINITIONS>>")
+set(TOLVA_PC_CFLAGS
+    "$<$<BOOL:${_tolva_pc_definitions}>: -D$<JOIN:${_tolva_pc_definitions}, -D>>")
+configure_file(${PROJECT_SOURCE_DIR}/cmake/tolvacore.pc.in
+    ${PROJECT_BINARY_DIR}/tolvacore.pc.configured @ONLY)
+file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/tolvacore.pc
+    INPUT ${PROJECT_BINARY_DIR}/tolvacore.pc.configured)
 install(FILES ${PROJECT_BINARY_DIR}/tolvacore.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 # One Debian package: libraries, headers, CMake and pkg-config files, tolva and qxp-emulator,
