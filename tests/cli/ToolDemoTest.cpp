@@ -169,6 +169,26 @@ TEST_F(ToolDemoOnAGivenPlatform, AStepThePlatformRefusesIsSaidAndTheRestOfTheTou
         << run.out;
     EXPECT_EQ(run.out.find(key_), std::string::npos);
     expectNothingLeft();
+
+    // The same as JSON.
+    const auto jsonRun = runTool({"demo", "--url", url_, "--credentials", key_, "--json"});
+    EXPECT_EQ(jsonRun.status, 1) << jsonRun.out << jsonRun.err;
+    const auto document = web::json::value::parse(jsonRun.out);
+    EXPECT_FALSE(document.at("ok").as_bool());
+    EXPECT_EQ(document.at("platform").as_string(), url_);
+    EXPECT_EQ(document.at("leftOnPlatform").size(), 0u);
+    const auto& steps = document.at("steps").as_array();
+    ASSERT_EQ(steps.size(), kSteps.size());
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        const bool refused = i == 3;
+        const bool skipped = i == 4 || i == 8;
+        EXPECT_EQ(steps.at(i).at("ok").as_bool(), !refused && !skipped) << i + 1;
+        EXPECT_EQ(steps.at(i).at("skipped").as_bool(), skipped) << i + 1;
+    }
+    EXPECT_EQ(steps.at(3).at("details").at(0).as_string(),
+              "FAILED: this step cannot be done on " + url_ +
+                  ": services may not be registered by this client");
+    expectNothingLeft();
 }
 
 TEST(ToolDemoUsage, TlsIsForTheBuiltInEmulatorOnly) {
