@@ -47,9 +47,10 @@ build: deps
 	cmake --build build -j $(JOBS)
 
 # The whole tour of the library (token, verification, a service with heartbeats, mailboxes,
-# post and receive, request and reply) against an emulator started inside the tool.
+# post and receive, request and reply) against an emulator started inside the tool; a
+# QX_PLATFORM_CONFIG of the caller's would make it tour that platform instead.
 demo: build
-	build/cli/tolva demo
+	env -u QX_PLATFORM_CONFIG build/cli/tolva demo
 
 # The facade's example host against a separately started emulator process.
 run: build

@@ -92,15 +92,20 @@ const std::vector<Command>& commands() {
          runVerify},
         {{"demo",
           "",
-          "Start an emulator in this process and tour the whole library against it.",
+          "Tour the whole library, against a built-in emulator or a given platform.",
           "Token, verification, a service with heartbeats, a mailbox and a listener, posting\n"
           "and receiving, request and reply answered by a second API object, unregistering\n"
-          "and deleting; each step with its timing, then a summary. With --tls the emulator\n"
-          "serves HTTPS with a certificate signed by a CA it makes, and the tour trusts that CA.",
-          {{"tls", "", "serve the emulator over HTTPS"}},
+          "and deleting; each step with its timing, then a summary. Without a platform the\n"
+          "tour starts an emulator inside the tool; with --tls that emulator serves HTTPS with\n"
+          "a certificate signed by a CA it makes, and the tour trusts that CA.\n"
+          "With --url and --credentials (or --credentials-file, or QX_PLATFORM_CONFIG) the\n"
+          "same tour runs against that platform. A step the platform does not allow is\n"
+          "reported as one that cannot be done there, and the steps that need it are skipped;\n"
+          "whatever fails, the tour deletes its mailboxes and unregisters its service there,\n"
+          "and the summary says whether anything is left. Exit status 1 when a step failed.",
+          {{"tls", "", "serve the built-in emulator over HTTPS"}},
           0,
-          0,
-          false},
+          0},
          runDemo},
     };
     return all;

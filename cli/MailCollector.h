@@ -1,6 +1,7 @@
 // MailCollector: a mailbox listener that queues every notification it is handed, so that the
-// tool's main thread prints them (listeners run on the HTTP library's threads and should not
-// block there). Each arrival wakes StopSignal::waitUntil.
+// tool's main thread prints them in its own order and format (listeners run on the API object's
+// delivery threads, and a slow terminal would hold back that mailbox's next poll). Each arrival
+// wakes StopSignal::waitUntil.
 #pragma once
 
 #include <TolvaCore/MailboxListener.h>
@@ -18,6 +19,7 @@ struct ReceivedMail {
     std::chrono::system_clock::time_point receivedAt;
 };
 
+// onMailReceived runs on a delivery thread of the API object; take() and hasMail() on any.
 class MailCollector : public Varkel::Tolva::Rest::MailboxListener {
   public:
     void onMailReceived(const std::wstring& topic, const std::wstring& content) override;

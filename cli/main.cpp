@@ -1,6 +1,6 @@
 // tolva: everyday work against a QX Platform from the command line (tokens, notifications,
-// mailboxes, request/reply, services, token verification) and a demo against an emulator
-// started in-process. Built on the library's public API only.
+// mailboxes, request/reply, services, token verification) and a tour of the library, against
+// an emulator started in-process or a given platform. Built on the library's public API only.
 #include "Arguments.h"
 #include "Commands.h"
 #include "Console.h"

@@ -1,7 +1,7 @@
 # Installs the CMake package (find_package(TolvaCore CONFIG REQUIRED), then link
 # Tolva::TolvaCore or Tolva::ZuCore alone) and a pkg-config file (tolvacore.pc), and sets up
 # CPack to make a Debian package of the whole installed tree (`cpack -G DEB` in the build
-# folder).
+# folder), documentation included.
 include(CMakePackageConfigHelpers)
 
 set(TOLVA_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/TolvaCore)
@@ -25,13 +25,36 @@ install(FILES
     ${PROJECT_BINARY_DIR}/TolvaCoreConfigVersion.cmake
     DESTINATION ${TOLVA_CMAKE_DIR})
 
+# The pkg-config file gives a host the compile definitions that Tolva::TolvaCore gives a CMake
+# host: those of ZuCore and TolvaCore and of what they link publicly (cpprestsdk's, say), read
+# from the target when the build is generated, so that the two never drift apart. A host built
+# either way then compiles the headers alike (tests/package/RunFlagsCheck.cmake compares them).
 file(RELATIVE_PATH TOLVA_PC_UP /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
-configure_file(${PROJECT_SOURCE_DIR}/cmake/tolvacore.pc.in ${PROJECT_BINARY_DIR}/tolvacore.pc
-    @ONLY)
+set(_tolva_pc_definitions
+    "$<REMOVE_DUPLICATES:$<TARGET_PROPERTY:TolvaCore,INTERFACE_COMPILE_DEFINITIONS>>")
+set(TOLVA_PC_CFLAGS
+    "$<$<BOOL:${_tolva_pc_definitions}>: -D$<JOIN:${_tolva_pc_definitions}, -D>>")
+configure_file(${PROJECT_SOURCE_DIR}/cmake/tolvacore.pc.in
+    ${PROJECT_BINARY_DIR}/tolvacore.pc.configured @ONLY)
+file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/tolvacore.pc
+    INPUT ${PROJECT_BINARY_DIR}/tolvacore.pc.configured)
 install(FILES ${PROJECT_BINARY_DIR}/tolvacore.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
+# The documentation goes to share/doc/tolvacore (/usr/share/doc/tolvacore in the Debian
+# package), laid out as in the source tree so that the README's links hold: the README, docs/,
+# the emulator's README, and the examples' sources with the CMakeLists.txt that builds them
+# against the installed package. TolvaDocs.cmake adds the HTML API reference (html/) when
+# Doxygen is there.
+set(TOLVA_DOC_DIR ${CMAKE_INSTALL_DATAROOTDIR}/doc/tolvacore)
+file(GLOB TOLVA_DOC_PAGES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md)
+install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${TOLVA_DOC_DIR})
+install(FILES ${TOLVA_DOC_PAGES} DESTINATION ${TOLVA_DOC_DIR}/docs)
+install(FILES ${PROJECT_SOURCE_DIR}/emulator/README.md DESTINATION ${TOLVA_DOC_DIR}/emulator)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/ DESTINATION ${TOLVA_DOC_DIR}/examples
+    FILES_MATCHING PATTERN "*.cpp" PATTERN "CMakeLists.txt")
+
 # One Debian package: libraries, headers, CMake and pkg-config files, tolva and qxp-emulator,
-# installed under /usr. The run-time dependencies come from dpkg-shlibdeps; the development
+# and the documentation, installed under /usr. The run-time dependencies come from dpkg-shlibdeps; the development
 # packages are there because the public headers include theirs.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME tolvacore)

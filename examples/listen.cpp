@@ -19,8 +19,10 @@ using Varkel::Tolva::Rest::Mailbox;
 using Varkel::Tolva::Rest::MailboxListener;
 using Varkel::Tolva::Rest::QxPlatformApi;
 
-// Runs on a thread of the HTTP library's pool, one notification at a time per mailbox: keep
-// it short and never block there.
+// Runs on one of the API object's delivery threads (never a thread of the HTTP library's pool),
+// one notification at a time per mailbox, in the order the mail came, with the mailbox's
+// listener lock held. It may block and may call the API object: that delays only this
+// mailbox's next poll. It must not call addListener or removeListener on its own mailbox.
 class Printer : public MailboxListener {
   public:
     void onMailReceived(const std::wstring& topic, const std::wstring& content) override {

@@ -18,8 +18,9 @@ using Varkel::Tolva::Rest::Mailbox;
 using Varkel::Tolva::Rest::MailboxListener;
 using Varkel::Tolva::Rest::QxPlatformApi;
 
-// Answers through its API object, which it holds weakly: a strong reference from a listener
-// would keep the object alive until its mailbox is deleted.
+// Answers through its API object from inside the listener (on a delivery thread, where
+// posting is allowed). It holds that object weakly: a strong reference from a listener would
+// keep the object alive until its mailbox is deleted and its last poll has ended.
 class Responder : public MailboxListener {
   public:
     explicit Responder(std::weak_ptr<QxPlatformApi> api) : api_(std::move(api)) {}
@@ -49,8 +50,8 @@ int main(int argc, char** argv) {
         requests->addListener(std::make_shared<Responder>(responderApi));
         responderApi->createMailbox(requests, L"example.requests");
 
-        // Subscribes a temporary mailbox to the reply topic, posts, waits for the first
-        // reply with content or the deadline ("" then), deletes the temporary mailbox.
+        // Subscribes a temporary mailbox to the reply topic, posts, waits until a reply with
+        // content arrives or the deadline passes ("" then), deletes the temporary mailbox.
         const std::wstring reply = askingApi->postNotificationAndWaitForReply(
             L"example.requests", Varkel::Zu::widen(argv[1]), L"example.replies",
             std::chrono::steady_clock::now() + std::chrono::seconds(10));

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Tries the README's two set-up commands as a new user would: makes a minimal Debian root file
 # system with debootstrap (Debian 12, bookworm, unless --release names another, such as trixie),
-# clones this repository into it, runs the two commands (the first code block of README.md)
+# gives it the /etc/hosts of an installed system (localhost on 127.0.0.1 and ::1), clones this
+# repository into it, runs the two commands (the first code block of README.md)
 # there as root in a chroot, and reports pass or fail and the time of each. Then checks that the
 # commands left no process running in the chroot and enabled no service to start at boot (a
 # service of a package they installed).
@@ -59,6 +60,14 @@ for fs in proc sys dev dev/pts; do
     mounted+=("$target/$fs")
 done
 cp /etc/resolv.conf "$target/etc/resolv.conf"
+# debootstrap leaves the root without /etc/hosts, which every installed Debian system has (the
+# installer writes it): without it "localhost" does not resolve. The root gets the loopback
+# entries an installed system has, and nothing more, so the tests see what a real machine gives
+# them. An /etc/hosts already there is left alone.
+if [ ! -s "$target/etc/hosts" ]; then
+    printf '127.0.0.1\tlocalhost\n::1\t\tlocalhost ip6-localhost ip6-loopback\n' > "$target/etc/hosts"
+    echo "== wrote $target/etc/hosts: 127.0.0.1 localhost, ::1 localhost ip6-localhost ip6-loopback"
+fi
 
 rm -rf "$target/root/tolva"
 git clone --quiet --branch "$branch" "$repo" "$target/root/tolva"

@@ -1,4 +1,5 @@
-# Script run by CTest: install, build the consumer against the installed tree, run it.
+# Script run by CTest: install, check the installed files (the documentation included), build
+# the consumer against the installed tree, run it.
 file(REMOVE_RECURSE ${WORK_DIR})
 set(prefix ${WORK_DIR}/prefix)
 
@@ -12,12 +13,27 @@ endfunction()
 
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 
+# The documentation comes with the package: the README, docs/, the emulator's README, the
+# examples' sources with their CMakeLists.txt, and the API reference when Doxygen built it.
+set(doc share/doc/tolvacore)
+file(GLOB examples RELATIVE ${SOURCE_DIR}/examples ${SOURCE_DIR}/examples/*.cpp)
+list(TRANSFORM examples PREPEND ${doc}/examples/)
+set(reference)
+if(EXISTS ${BUILD_DIR}/docs/package/html/index.html)
+    set(reference ${doc}/html/index.html)
+endif()
 foreach(expected
         include/ZuCore/Logger.h
         include/TolvaCore/QxPlatformApi.h
         include/TolvaCore/CTolvaPlatform.h
         lib/cmake/TolvaCore/TolvaCoreConfig.cmake
-        lib/cmake/TolvaCore/TolvaCoreConfigVersion.cmake)
+        lib/cmake/TolvaCore/TolvaCoreConfigVersion.cmake
+        ${doc}/README.md
+        ${doc}/docs/threads.md
+        ${doc}/emulator/README.md
+        ${doc}/examples/CMakeLists.txt
+        ${examples}
+        ${reference})
     if(NOT EXISTS ${prefix}/${expected})
         file(GLOB_RECURSE installed RELATIVE ${prefix} ${prefix}/*)
         message(FATAL_ERROR "not installed: ${expected}\ninstalled: ${installed}")

@@ -35,6 +35,21 @@ done
 [[ "$info" == *"Package: tolvacore"* ]] || fail "package name: $info"
 echo "ok: the package holds the libraries, headers, CMake and pkg-config files and both programs"
 
+# The documentation, where Debian keeps a package's: the README, docs/, the emulator's README,
+# every example's source and the CMakeLists.txt that builds them, and the API reference when
+# Doxygen built it.
+doc=./usr/share/doc/tolvacore
+docs=("$doc/README.md" "$doc/docs/threads.md" "$doc/emulator/README.md"
+    "$doc/examples/CMakeLists.txt")
+for example in "$source"/examples/*.cpp; do
+    docs+=("$doc/examples/$(basename "$example")")
+done
+[ -f "$build/docs/package/html/index.html" ] && docs+=("$doc/html/index.html")
+for file in "${docs[@]}"; do
+    grep -q " $file\$" <<< "$contents" || fail "the package lacks $file"
+done
+echo "ok: the package holds its documentation in /usr/share/doc/tolvacore (${#docs[@]} files checked)"
+
 if [ "${TOLVA_TEST_DEB_INSTALL:-0}" != 1 ]; then
     echo "installation not tried (set TOLVA_TEST_DEB_INSTALL=1 to install, use and remove it)"
     exit 0
