@@ -102,7 +102,12 @@ std::shared_ptr<Varkel::Tolva::Rest::QxPlatformApi> PlatformConnection::connect(
     auto api = Varkel::Zu::MakeShared::create<QxPlatformApi>(Varkel::Zu::widen(url_),
                                                              Varkel::Zu::widen(key_));
     if (api->getCurrentAccessToken().empty()) {
-        const std::string reason = lastLibraryError();
+        // The token request's own failure first: an unreadable token (opaque, or without the
+        // account) is only written to the debug log, never to a logger.
+        std::string reason = Varkel::Zu::narrow(api->lastTokenFailure());
+        if (reason.empty()) {
+            reason = lastLibraryError();
+        }
         throw std::runtime_error("no access token from " + url_ +
                                  (reason.empty() ? std::string() : ": " + reason));
     }
