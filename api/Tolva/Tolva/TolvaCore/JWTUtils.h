@@ -111,11 +111,13 @@ class TOLVA_EXPORT JWTUtils {
     /// The "iss" that Rfc9068 tokens must carry (the provider's issuer identifier, compared
     /// exactly); empty: any issuer. Not used by the Platform profile.
     void setExpectedIssuer(const std::wstring& issuer);
+    /// The expected issuer (empty: none). Never throws except std::bad_alloc.
     std::wstring expectedIssuer() const;
 
     /// The audience that the "aud" of Rfc9068 tokens must hold (a string equal to it, or an
     /// array with it); empty: any audience. Not used by the Platform profile.
     void setExpectedAudience(const std::wstring& audience);
+    /// The expected audience (empty: none). Never throws except std::bad_alloc.
     std::wstring expectedAudience() const;
 
     /// The digest context this object shares with its copies and the objects assigned from
