@@ -1,5 +1,10 @@
 #include "CommandSupport.h"
 
+#include "UsageError.h"
+
+#include <ZuCore/MakeShared.h>
+#include <ZuCore/StringConversion.h>
+
 #include <ctime>
 
 namespace tolva {
@@ -44,6 +49,53 @@ std::string verificationName(Varkel::Tolva::VerificationResult result) {
             return "Verified";
     }
     return "Unknown(" + std::to_string(static_cast<int>(result)) + ")";
+}
+
+std::vector<OptionSyntax> verificationOptions() {
+    return {
+        {"jwt-profile", "NAME",
+         "verify by the platform's rules (platform, the default) or also accept RFC 9068 "
+         "access tokens of standard OpenID providers (rfc9068); default TOLVA_JWT_PROFILE"},
+        {"issuer", "ISS", "with rfc9068: the \"iss\" tokens must carry (default TOLVA_JWT_ISSUER)"},
+        {"audience", "AUD",
+         "with rfc9068: the audience \"aud\" must hold (default TOLVA_JWT_AUDIENCE)"}};
+}
+
+std::shared_ptr<Varkel::Tolva::JWTUtils> makeVerifier(const Arguments& arguments) {
+    using Varkel::Tolva::JwtProfile;
+    auto verifier = Varkel::Zu::MakeShared::create<Varkel::Tolva::JWTUtils>();
+    if (arguments.has("jwt-profile")) {
+        const std::string name = arguments.value("jwt-profile");
+        if (name == "rfc9068") {
+            verifier->setProfile(JwtProfile::Rfc9068);
+        } else if (name == "platform") {
+            verifier->setProfile(JwtProfile::Platform);
+        } else {
+            throw UsageError("--jwt-profile needs platform or rfc9068, got \"" + name + "\"");
+        }
+    }
+    if (arguments.has("issuer")) {
+        verifier->setExpectedIssuer(Varkel::Zu::widen(arguments.value("issuer")));
+    }
+    if (arguments.has("audience")) {
+        verifier->setExpectedAudience(Varkel::Zu::widen(arguments.value("audience")));
+    }
+    return verifier;
+}
+
+std::string refusalText(const Varkel::Tolva::JWTUtils& verifier,
+                        Varkel::Tolva::VerificationResult result, const std::string& reason) {
+    std::string text = verificationName(result);
+    if (!reason.empty()) {
+        text += " (" + reason + ")";
+    }
+    // What the default refuses and the profile is made for: another "typ" (at+jwt) or a key
+    // without a certificate.
+    if (verifier.profile() == Varkel::Tolva::JwtProfile::Platform &&
+        (reason == "Token type is not 'JWT'" || reason == "Missing 'x5c' section in JWKS key.")) {
+        text += "; --jwt-profile rfc9068 accepts the access tokens of standard OpenID providers";
+    }
+    return text;
 }
 
 web::json::value jsonText(const std::string& text) {

@@ -1,18 +1,31 @@
 #include "Commands.h"
 
+#include "CommandSupport.h"
+
 namespace tolva {
+
+namespace {
+
+// `options` followed by the options that choose how tokens are verified.
+std::vector<OptionSyntax> withVerificationOptions(std::vector<OptionSyntax> options) {
+    for (auto& option : verificationOptions()) {
+        options.push_back(std::move(option));
+    }
+    return options;
+}
+
+}  // namespace
 
 const std::vector<Command>& commands() {
     static const std::vector<Command> all = {
-        {{"token",
-          "",
-          "Obtain an access token; print its account and expiry and verify it.",
+        {{"token", "", "Obtain an access token; print its account and expiry and verify it.",
           "The token is verified against the key set the platform serves with it. The token\n"
           "itself is printed only with --show-token. Exit status 1 when no token can be\n"
-          "obtained or it does not verify.",
-          {{"show-token", "", "also print the access token itself (a secret)"}},
-          0,
-          0},
+          "obtained or it does not verify; either way the reason is printed (an opaque token,\n"
+          "a token without the \"acc\" claim, another \"typ\", an unknown key, expiry).",
+          withVerificationOptions(
+              {{"show-token", "", "also print the access token itself (a secret)"}}),
+          0, 0},
          runToken},
         {{"post",
           "TOPIC CONTENT",
@@ -79,16 +92,16 @@ const std::vector<Command>& commands() {
           0,
           0},
          runRegister},
-        {{"verify",
-          "TOKEN",
-          "Verify a platform-issued JWT and print the result and its claims.",
+        {{"verify", "TOKEN", "Verify a platform-issued JWT and print the result and its claims.",
           "TOKEN \"-\" reads the token from standard input, so that it need not sit on a\n"
           "command line. The key set is read from --jwks or, by default, fetched from the\n"
-          "platform. Exit status 1 when the token does not verify.",
-          {{"jwks", "FILE", "key set (JSON Web Key Set) to verify against"},
-           {"from-platform", "", "use the key set the platform serves (the default)"}},
-          1,
-          1},
+          "platform. Exit status 1 when the token does not verify, with the reason. A token\n"
+          "that verifies but carries no \"acc\" claim is reported on standard error: the\n"
+          "library cannot take the platform account from it.",
+          withVerificationOptions(
+              {{"jwks", "FILE", "key set (JSON Web Key Set) to verify against"},
+               {"from-platform", "", "use the key set the platform serves (the default)"}}),
+          1, 1},
          runVerify},
         {{"demo",
           "",

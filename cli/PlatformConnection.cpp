@@ -102,7 +102,14 @@ std::shared_ptr<Varkel::Tolva::Rest::QxPlatformApi> PlatformConnection::connect(
     auto api = Varkel::Zu::MakeShared::create<QxPlatformApi>(Varkel::Zu::widen(url_),
                                                              Varkel::Zu::widen(key_));
     if (api->getCurrentAccessToken().empty()) {
-        const std::string reason = lastLibraryError();
+        // The token request's own failure; the library's log record of it where there is one
+        // ("Get token failed ..." says which request failed). An unreadable token (opaque, or
+        // without the account) is only written to the debug log, never to a logger.
+        const std::string failure = Varkel::Zu::narrow(api->lastTokenFailure());
+        std::string reason = lastLibraryError();
+        if (reason.empty() || reason.find(failure) == std::string::npos) {
+            reason = failure.empty() ? reason : failure;
+        }
         throw std::runtime_error("no access token from " + url_ +
                                  (reason.empty() ? std::string() : ": " + reason));
     }

@@ -6,8 +6,9 @@
 
 #include <TolvaCore/JWTUtils.h>
 
-#include <ZuCore/MakeShared.h>
 #include <ZuCore/StringConversion.h>
+
+#include <chrono>
 
 namespace tolva {
 
@@ -16,8 +17,13 @@ int runToken(const Arguments& arguments) {
     const auto api = connection.connect();
     const auto token = api->getCurrentTokenCopy();
     web::json::value claims;
-    const auto verifier = Varkel::Zu::MakeShared::create<Varkel::Tolva::JWTUtils>();
-    const auto result = verifier->verify(token.keySet, token.accessToken, claims);
+    const auto verifier = makeVerifier(arguments);
+    std::wstring reason;
+    const auto now = std::chrono::duration_cast<std::chrono::seconds>(
+                         std::chrono::system_clock::now().time_since_epoch())
+                         .count();
+    const auto result = verifier->verify(token.keySet, token.accessToken, claims, now, reason);
+    const std::string reasonText = Varkel::Zu::narrow(reason);
     const std::string account = Varkel::Zu::narrow(token.account);
 
     if (arguments.has("json")) {
@@ -27,6 +33,9 @@ int runToken(const Arguments& arguments) {
         out["expiresAt"] = jsonText(tokenExpiry(token));
         out["expiresIn"] = web::json::value::number(static_cast<int64_t>(tokenSecondsLeft(token)));
         out["verification"] = jsonText(verificationName(result));
+        if (!reasonText.empty()) {
+            out["reason"] = jsonText(reasonText);
+        }
         if (arguments.has("show-token")) {
             out["token"] = jsonText(Varkel::Zu::narrow(token.accessToken));
         }
@@ -43,7 +52,7 @@ int runToken(const Arguments& arguments) {
     }
     if (result != Varkel::Tolva::Verified) {
         Console::err("tolva: the token does not verify against the platform's key set: " +
-                     verificationName(result));
+                     refusalText(*verifier, result, reasonText));
         return kExitFailure;
     }
     return kExitOk;

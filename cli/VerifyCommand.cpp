@@ -7,9 +7,9 @@
 
 #include <TolvaCore/JWTUtils.h>
 
-#include <ZuCore/MakeShared.h>
 #include <ZuCore/StringConversion.h>
 
+#include <chrono>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -68,11 +68,19 @@ int runVerify(const Arguments& arguments) {
         keySet = connection.connect()->getCurrentTokenCopy().keySet;
     }
     web::json::value claims;
-    const auto verifier = Varkel::Zu::MakeShared::create<Varkel::Tolva::JWTUtils>();
-    const auto result = verifier->verify(keySet, Varkel::Zu::widen(token), claims);
+    const auto verifier = makeVerifier(arguments);
+    std::wstring reason;
+    const auto now = std::chrono::duration_cast<std::chrono::seconds>(
+                         std::chrono::system_clock::now().time_since_epoch())
+                         .count();
+    const auto result = verifier->verify(keySet, Varkel::Zu::widen(token), claims, now, reason);
+    const std::string reasonText = Varkel::Zu::narrow(reason);
     if (arguments.has("json")) {
         auto out = web::json::value::object();
         out["result"] = jsonText(verificationName(result));
+        if (!reasonText.empty()) {
+            out["reason"] = jsonText(reasonText);
+        }
         out["claims"] = claims;
         Console::out(out.serialize());
     } else {
@@ -82,8 +90,14 @@ int runVerify(const Arguments& arguments) {
         }
     }
     if (result != Varkel::Tolva::Verified) {
-        Console::err("tolva: the token does not verify: " + verificationName(result));
+        Console::err("tolva: the token does not verify: " +
+                     refusalText(*verifier, result, reasonText));
         return kExitFailure;
+    }
+    if (!claims.is_object() || !claims.has_string_field("acc")) {
+        Console::err(
+            "tolva: the token verifies but carries no \"acc\" claim: the library cannot "
+            "take the platform account from it");
     }
     return kExitOk;
 }

@@ -2,7 +2,9 @@
 // - raw OpenSSL: EVP_DigestVerify with the public key parsed once (the ceiling);
 // - raw OpenSSL parsing the certificate for every token (what a verifier without a cache pays);
 // - JWTUtils::verify (header and payload decoded and parsed, key looked up, certificate
-//   public key from its cache).
+//   public key from its cache);
+// - JWTUtils::verify under the RFC 9068 profile: the same token and key set, and an at+jwt
+//   access token with the claims that profile checks against a key without a certificate.
 //
 //   jwt_bench [--seconds S]
 //
@@ -114,10 +116,42 @@ int main(int argc, char** argv) {
         web::json::value claims;
         return verifier->verify(keySet, wideToken, claims, 1800000000) == Varkel::Tolva::Verified;
     };
+    const auto profiled = Varkel::Zu::MakeShared::create<Varkel::Tolva::JWTUtils>();
+    profiled->setProfile(Varkel::Tolva::JwtProfile::Rfc9068);
+    const std::function<bool()> profile = [&] {
+        web::json::value claims;
+        return profiled->verify(keySet, wideToken, claims, 1800000000) == Varkel::Tolva::Verified;
+    };
+    const auto parameterKeySet = TolvaRestTest::JwtTestSigner::keySet({signer.rsaKey("k1")});
+    const std::wstring accessToken = Varkel::Zu::widen(signer.token(
+        R"({"alg":"RS256","kid":"k1","typ":"at+jwt"})",
+        R"({"iss":"https://id.example.test","sub":"svc","aud":"qx-platform","client_id":"svc",)"
+        R"("jti":"j-1","acc":"acc-bench","scope":"platform cluster","iat":1800000000,)"
+        R"("exp":4000000000})"));
+    profiled->setExpectedIssuer(L"https://id.example.test");
+    profiled->setExpectedAudience(L"qx-platform");
+    // The same claims as a "JWT" with the certificate key: what the default verifies of that size.
+    const std::wstring sameClaims = Varkel::Zu::widen(signer.token(
+        R"({"alg":"RS256","kid":"k1","typ":"JWT"})",
+        R"({"iss":"https://id.example.test","sub":"svc","aud":"qx-platform","client_id":"svc",)"
+        R"("jti":"j-1","acc":"acc-bench","scope":"platform cluster","iat":1800000000,)"
+        R"("exp":4000000000})"));
+    const std::function<bool()> librarySameClaims = [&] {
+        web::json::value claims;
+        return verifier->verify(keySet, sameClaims, claims, 1800000000) == Varkel::Tolva::Verified;
+    };
+    const std::function<bool()> profileAccess = [&] {
+        web::json::value claims;
+        return profiled->verify(parameterKeySet, accessToken, claims, 1800000000) ==
+               Varkel::Tolva::Verified;
+    };
     const std::pair<const char*, const std::function<bool()>*> rows[] = {
         {"raw OpenSSL, key parsed once", &raw},
         {"raw OpenSSL, certificate parsed every time", &rawParsing},
-        {"JWTUtils::verify", &library}};
+        {"JWTUtils::verify", &library},
+        {"JWTUtils::verify, rfc9068 profile, same token", &profile},
+        {"JWTUtils::verify, default, the at+jwt claims as a JWT", &librarySameClaims},
+        {"JWTUtils::verify, rfc9068 profile, at+jwt with n/e key", &profileAccess}};
     for (const auto& row : rows) {
         const double one = rate(1, seconds, *row.second);
         const double two = rate(2, seconds, *row.second);

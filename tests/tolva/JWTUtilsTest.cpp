@@ -14,7 +14,9 @@
 #include <atomic>
 #include <chrono>
 #include <ctime>
+#include <map>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace TolvaRestTest {
@@ -336,6 +338,237 @@ TEST_F(JWTUtilsTest, TokensVerifyFromSeveralThreadsAtOnce) {
         thread.join();
     }
     EXPECT_EQ(failures.load(), 0);
+}
+
+// --- The RFC 9068 profile ----------------------------------------------------------------
+
+const std::string kAccessHeader = R"({"alg":"RS256","kid":"k1","typ":"at+jwt"})";
+
+// The claims RFC 9068 requires, valid at kNow, with `change` applied (a null value removes).
+std::string accessClaims(const std::map<std::string, value>& change = {}) {
+    value claims = value::parse(R"({"iss":"https://id.example.test","sub":"svc","aud":"qx",
+        "client_id":"svc","jti":"j-1","acc":"acc-1"})");
+    claims["iat"] = value::number(kNow - 10);
+    claims["exp"] = value::number(kNow + 60);
+    for (const auto& entry : change) {
+        if (entry.second.is_null()) {
+            claims.as_object().erase(entry.first);
+        } else {
+            claims[entry.first] = entry.second;
+        }
+    }
+    return claims.serialize();
+}
+
+class JWTUtilsProfileTest : public JWTUtilsTest {
+  protected:
+    JWTUtilsProfileTest() { verifier_->setProfile(Varkel::Tolva::JwtProfile::Rfc9068); }
+
+    // Result and reason of one verification with the profile's verifier.
+    std::pair<VerificationResult, std::wstring> check(const std::string& token,
+                                                      const value& keySet) const {
+        value claims;
+        std::wstring reason;
+        const auto result = verifier_->verify(keySet, widen(token), claims, kNow, reason);
+        return {result, reason};
+    }
+    std::pair<VerificationResult, std::wstring> check(const std::string& token) const {
+        return check(token, JwtTestSigner::keySet({signer().rsaKey("k1")}));
+    }
+};
+
+TEST_F(JWTUtilsProfileTest, TheDefaultIsThePlatformProfile) {
+    const ScopedEnv unset("TOLVA_JWT_PROFILE", std::nullopt);
+    EXPECT_EQ(Varkel::Zu::MakeShared::create<JWTUtils>()->profile(),
+              Varkel::Tolva::JwtProfile::Platform);
+    EXPECT_EQ(verifier_->profile(), Varkel::Tolva::JwtProfile::Rfc9068);
+}
+
+TEST_F(JWTUtilsProfileTest, AccessTokenTypesAreAcceptedInAnyCase) {
+    for (const std::string typ : {"at+jwt", "application/at+jwt", "AT+JWT", "JWT"}) {
+        const std::string header = R"({"alg":"RS256","kid":"k1","typ":")" + typ + R"("})";
+        EXPECT_EQ(check(signer().token(header, accessClaims())).first, Varkel::Tolva::Verified)
+            << typ;
+    }
+    const auto other =
+        check(signer().token(R"({"alg":"RS256","kid":"k1","typ":"dpop+jwt"})", accessClaims()));
+    EXPECT_EQ(other.first, Varkel::Tolva::InvalidToken);
+    EXPECT_EQ(other.second, L"Token type is not 'JWT' or 'at+jwt'.");
+}
+
+TEST_F(JWTUtilsProfileTest, ByDefaultTheSameTokensAreRefusedWithTheDefaultTexts) {
+    verifier_->setProfile(Varkel::Tolva::JwtProfile::Platform);
+    const LogRecords records;
+    EXPECT_EQ(check(signer().token(kAccessHeader, accessClaims())).first,
+              Varkel::Tolva::InvalidToken);
+    EXPECT_EQ(check(signer().token(kHeader, accessClaims())).first, Varkel::Tolva::InvalidToken);
+    EXPECT_EQ(lines(records), (std::vector<std::wstring>{L"Token type is not 'JWT'",
+                                                         L"Missing 'x5c' section in JWKS key."}));
+}
+
+TEST_F(JWTUtilsProfileTest, KeysWithCertificateOrParametersOrWithoutUseAreFound) {
+    const std::string token = signer().token(kAccessHeader, accessClaims());
+    EXPECT_EQ(check(token, JwtTestSigner::keySet({signer().key("k1")})).first,
+              Varkel::Tolva::Verified);
+    value withoutUse = signer().rsaKey("k1");
+    withoutUse.as_object().erase("use");
+    EXPECT_EQ(check(token, JwtTestSigner::keySet({withoutUse})).first, Varkel::Tolva::Verified);
+    EXPECT_EQ(check(token, JwtTestSigner::keySet({signer().key("k1", "enc")})).first,
+              Varkel::Tolva::KeyNotFound);
+    value nothing = signer().rsaKey("k1");
+    nothing.as_object().erase("n");
+    const auto unusable = check(token, JwtTestSigner::keySet({nothing}));
+    EXPECT_EQ(unusable.first, Varkel::Tolva::InvalidToken);
+    value notAKey = signer().rsaKey("k1");
+    notAKey["n"] = value::string("AA");
+    EXPECT_EQ(check(token, JwtTestSigner::keySet({notAKey})).first,
+              Varkel::Tolva::VerificationFailed);
+
+    // By default a key without "use" is not a signing key.
+    verifier_->setProfile(Varkel::Tolva::JwtProfile::Platform);
+    value key;
+    EXPECT_EQ(verifier_->findKey("k1", JwtTestSigner::keySet({withoutUse}), key),
+              Varkel::Tolva::KeyNotFound);
+}
+
+TEST_F(JWTUtilsProfileTest, Ps256AndEs256VerifyAndTheKeyMustFitTheAlgorithm) {
+    const auto ps =
+        signer().tokenPs256(R"({"alg":"PS256","kid":"k1","typ":"at+jwt"})", accessClaims());
+    value psKey = signer().rsaKey("k1");
+    psKey["alg"] = value::string("PS256");
+    EXPECT_EQ(check(ps, JwtTestSigner::keySet({psKey})).first, Varkel::Tolva::Verified);
+    // The key says RS256: not for a PS256 token.
+    const auto wrongAlg = check(ps);
+    EXPECT_EQ(wrongAlg.first, Varkel::Tolva::VerificationFailed);
+    EXPECT_EQ(wrongAlg.second, L"The JWKS key is not a key for the token's algorithm.");
+
+    const auto es =
+        signer().tokenEs256(R"({"alg":"ES256","kid":"e1","typ":"at+jwt"})", accessClaims());
+    EXPECT_EQ(check(es, JwtTestSigner::keySet({signer().ecKey("e1")})).first,
+              Varkel::Tolva::Verified);
+    value rsaAsE1 = signer().rsaKey("e1");
+    rsaAsE1.as_object().erase("alg");
+    EXPECT_EQ(check(es, JwtTestSigner::keySet({rsaAsE1})).first, Varkel::Tolva::VerificationFailed);
+
+    // By default "alg" is not consulted: a PS256 signature fails the RS256 check.
+    verifier_->setProfile(Varkel::Tolva::JwtProfile::Platform);
+    const auto psByDefault =
+        signer().tokenPs256(R"({"alg":"PS256","kid":"k1","typ":"JWT"})", accessClaims());
+    EXPECT_EQ(check(psByDefault, JwtTestSigner::keySet({signer().key("k1")})).first,
+              Varkel::Tolva::VerificationFailed);
+}
+
+TEST_F(JWTUtilsProfileTest, AnAlgorithmOutsideTheListIsInvalid) {
+    for (const std::string header :
+         {R"({"alg":"none","kid":"k1","typ":"at+jwt"})",
+          R"({"alg":"HS256","kid":"k1","typ":"at+jwt"})", R"({"kid":"k1","typ":"at+jwt"})"}) {
+        const auto outcome = check(signer().token(header, accessClaims()));
+        EXPECT_EQ(outcome.first, Varkel::Tolva::InvalidToken) << header;
+        EXPECT_EQ(outcome.second, L"Token algorithm is not one of RS256, PS256 and ES256.");
+    }
+}
+
+TEST_F(JWTUtilsProfileTest, EveryRequiredClaimIsChecked) {
+    for (const char* name : {"iss", "sub", "aud", "client_id", "iat", "jti"}) {
+        const auto outcome = check(signer().token(kAccessHeader, accessClaims({{name, value()}})));
+        EXPECT_EQ(outcome.first, Varkel::Tolva::InvalidToken) << name;
+        EXPECT_NE(outcome.second.find(L"'" + widen(name) + L"' missing"), std::wstring::npos)
+            << name;
+    }
+    EXPECT_EQ(
+        check(signer().token(kAccessHeader, accessClaims({{"iat", value::string("x")}}))).first,
+        Varkel::Tolva::InvalidToken);
+    EXPECT_EQ(check(signer().token(kAccessHeader, accessClaims({{"exp", value()}}))).second,
+              L"Token expiration missing.");
+    const auto expired =
+        check(signer().token(kAccessHeader, accessClaims({{"exp", value::number(kNow - 1)}})));
+    EXPECT_EQ(expired.first, Varkel::Tolva::TokenExpired);
+    EXPECT_EQ(check(signer().token(kAccessHeader, accessClaims({{"nbf", value::number(kNow + 5)}})))
+                  .first,
+              Varkel::Tolva::InvalidToken);
+    EXPECT_EQ(
+        check(signer().token(kAccessHeader, accessClaims({{"nbf", value::number(kNow)}}))).first,
+        Varkel::Tolva::Verified);
+    // A "JWT" is held to the default claims only.
+    EXPECT_EQ(
+        check(signer().token(kHeader, accessClaims({{"aud", value()}, {"jti", value()}}))).first,
+        Varkel::Tolva::Verified);
+}
+
+TEST_F(JWTUtilsProfileTest, IssuerAndAudienceAreCheckedWhenSet) {
+    const std::string token =
+        signer().token(kAccessHeader, accessClaims({{"aud", value::parse(R"(["other","qx"])")}}));
+    EXPECT_EQ(check(token).first, Varkel::Tolva::Verified);
+    verifier_->setExpectedAudience(L"qx");
+    verifier_->setExpectedIssuer(L"https://id.example.test");
+    EXPECT_EQ(check(token).first, Varkel::Tolva::Verified);
+    verifier_->setExpectedAudience(L"elsewhere");
+    EXPECT_EQ(check(token).second, L"Token audience does not include the expected audience.");
+    verifier_->setExpectedAudience(L"");
+    verifier_->setExpectedIssuer(L"https://id.example.test/");
+    const auto wrongIssuer = check(token);
+    EXPECT_EQ(wrongIssuer.first, Varkel::Tolva::InvalidToken);
+    EXPECT_EQ(wrongIssuer.second, L"Token issuer is not the expected issuer.");
+}
+
+TEST_F(JWTUtilsProfileTest, AnAlteredTokenFailsTheSignatureInBothModes) {
+    const std::string token = signer().token(kAccessHeader, accessClaims());
+    std::string altered = token;
+    char& last = altered[altered.size() - 2];
+    last = last == 'A' ? 'B' : 'A';
+    const auto underProfile = check(altered);
+    EXPECT_EQ(underProfile.first, Varkel::Tolva::VerificationFailed);
+    EXPECT_EQ(underProfile.second, L"Signature verification failed.");
+    verifier_->setProfile(Varkel::Tolva::JwtProfile::Platform);
+    const std::string platformToken = signer().token(kHeader, accessClaims());
+    std::string alteredPlatform = platformToken;
+    char& lastPlatform = alteredPlatform[alteredPlatform.size() - 2];
+    lastPlatform = lastPlatform == 'A' ? 'B' : 'A';
+    EXPECT_EQ(check(alteredPlatform, JwtTestSigner::keySet({signer().key("k1")})).second,
+              L"EVP_VerifyFinal failed. Signature verification failed.");
+}
+
+TEST_F(JWTUtilsProfileTest, TheEnvironmentChoosesProfileIssuerAndAudience) {
+    {
+        const ScopedEnv profile("TOLVA_JWT_PROFILE", std::string("RFC9068"));
+        const ScopedEnv issuer("TOLVA_JWT_ISSUER", std::string("https://id.example.test"));
+        const ScopedEnv audience("TOLVA_JWT_AUDIENCE", std::string("qx"));
+        const auto made = Varkel::Zu::MakeShared::create<JWTUtils>();
+        EXPECT_EQ(made->profile(), Varkel::Tolva::JwtProfile::Rfc9068);
+        EXPECT_EQ(made->expectedIssuer(), L"https://id.example.test");
+        EXPECT_EQ(made->expectedAudience(), L"qx");
+        EXPECT_EQ(Varkel::Tolva::jwtProfileFromEnvironment(), Varkel::Tolva::JwtProfile::Rfc9068);
+    }
+    const LogRecords records;
+    const ScopedEnv bogus("TOLVA_JWT_PROFILE", std::string("oidc"));
+    EXPECT_EQ(Varkel::Zu::MakeShared::create<JWTUtils>()->profile(),
+              Varkel::Tolva::JwtProfile::Platform);
+    EXPECT_EQ(records.messages("TolvaCore.JWTUtils"),
+              (std::vector<std::wstring>{
+                  L"TOLVA_JWT_PROFILE is neither \"platform\" nor \"rfc9068\"; using platform."}));
+    EXPECT_STREQ(Varkel::Tolva::jwtProfileName(Varkel::Tolva::JwtProfile::Rfc9068), L"rfc9068");
+    EXPECT_STREQ(Varkel::Tolva::jwtProfileName(Varkel::Tolva::JwtProfile::Platform), L"platform");
+}
+
+TEST_F(JWTUtilsProfileTest, ReasonsAreGivenForEveryRefusalByDefault) {
+    verifier_->setProfile(Varkel::Tolva::JwtProfile::Platform);
+    const auto keySet = JwtTestSigner::keySet({signer().key("k1")});
+    EXPECT_EQ(check("a.b", keySet).second,
+              L"Not a JWT: the token does not have three parts separated by '.'.");
+    EXPECT_EQ(
+        check(signer().token(R"({"alg":"RS256","kid":"k2","typ":"JWT"})", accessClaims()), keySet)
+            .second,
+        L"No signing key with the token's key id 'k2' in the key set.");
+    EXPECT_EQ(check(signer().token(kHeader, payloadWithExp(kNow - 1)), keySet).second,
+              L"Token expired.");
+    EXPECT_EQ(check("..", keySet).second.rfind(L"The token or the key set cannot be read: ", 0),
+              0u);
+    value claims;
+    std::wstring reason = L"left over";
+    EXPECT_EQ(verifier_->verify(keySet, widen(signer().token(kHeader, payloadWithExp(kNow))),
+                                claims, kNow, reason),
+              Varkel::Tolva::Verified);
+    EXPECT_TRUE(reason.empty());
 }
 
 class PlatformTokenTest : public RestTest {};

@@ -1,6 +1,8 @@
 // A signer for JWT tests: an RSA-2048 key with a self-signed certificate, a key set that
 // carries the certificate the way the platform's does ("x5c", standard Base64 DER), and RS256
-// tokens made from any header and payload text, so tests can craft every kind of token.
+// tokens made from any header and payload text, so tests can craft every kind of token. Also
+// the forms standard OpenID providers use: the RSA key by its parameters ("n", "e", no
+// "x5c"), PS256 tokens, and a P-256 key ("crv", "x", "y") with ES256 tokens.
 #pragma once
 
 #include <ZuCore/Base64.h>
@@ -11,6 +13,10 @@
 #include <vector>
 
 #include <cpprest/json.h>
+#include <openssl/bn.h>
+#include <openssl/core_names.h>
+#include <openssl/ec.h>
+#include <openssl/ecdsa.h>
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
@@ -19,8 +25,11 @@ namespace TolvaRestTest {
 
 class JwtTestSigner {
   public:
-    JwtTestSigner() : key_(EVP_RSA_gen(2048), EVP_PKEY_free), certificate_(X509_new(), X509_free) {
-        if (!key_ || !certificate_) {
+    JwtTestSigner()
+        : key_(EVP_RSA_gen(2048), EVP_PKEY_free),
+          ecKey_(EVP_EC_gen("P-256"), EVP_PKEY_free),
+          certificate_(X509_new(), X509_free) {
+        if (!key_ || !ecKey_ || !certificate_) {
             throw std::runtime_error("cannot make a test key");
         }
         X509* cert = certificate_.get();
@@ -59,6 +68,34 @@ class JwtTestSigner {
         return k;
     }
 
+    // The RSA key by its parameters, as standard providers publish it:
+    // {"kty":"RSA","use":"sig","kid","alg":"RS256","n","e"}, no "x5c".
+    web::json::value rsaKey(const std::string& kid) const {
+        web::json::value k;
+        k["kty"] = web::json::value::string("RSA");
+        k["use"] = web::json::value::string("sig");
+        k["kid"] = web::json::value::string(kid);
+        k["alg"] = web::json::value::string("RS256");
+        k["n"] = web::json::value::string(bignumParameter(key_.get(), OSSL_PKEY_PARAM_RSA_N, 0));
+        k["e"] = web::json::value::string(bignumParameter(key_.get(), OSSL_PKEY_PARAM_RSA_E, 0));
+        return k;
+    }
+
+    // The P-256 key: {"kty":"EC","use":"sig","kid","alg":"ES256","crv":"P-256","x","y"}.
+    web::json::value ecKey(const std::string& kid) const {
+        web::json::value k;
+        k["kty"] = web::json::value::string("EC");
+        k["use"] = web::json::value::string("sig");
+        k["kid"] = web::json::value::string(kid);
+        k["alg"] = web::json::value::string("ES256");
+        k["crv"] = web::json::value::string("P-256");
+        k["x"] = web::json::value::string(
+            bignumParameter(ecKey_.get(), OSSL_PKEY_PARAM_EC_PUB_X, kCoordinateSize));
+        k["y"] = web::json::value::string(
+            bignumParameter(ecKey_.get(), OSSL_PKEY_PARAM_EC_PUB_Y, kCoordinateSize));
+        return k;
+    }
+
     // {"keys": [keys...]}
     static web::json::value keySet(const std::vector<web::json::value>& keys) {
         web::json::value set;
@@ -77,11 +114,62 @@ class JwtTestSigner {
         return signedText + "." + Varkel::Zu::Base64::encode_url(sign(signedText));
     }
 
-    std::string sign(const std::string& text) const {
+    // The same signed PS256 (RSA-PSS, SHA-256, salt as long as the digest).
+    std::string tokenPs256(const std::string& header, const std::string& payload) const {
+        const std::string signedText =
+            Varkel::Zu::Base64::encode_url(header) + "." + Varkel::Zu::Base64::encode_url(payload);
+        return signedText + "." + Varkel::Zu::Base64::encode_url(sign(signedText, true));
+    }
+
+    // The same signed ES256 with the P-256 key (r and s side by side, 32 bytes each).
+    std::string tokenEs256(const std::string& header, const std::string& payload) const {
+        const std::string signedText =
+            Varkel::Zu::Base64::encode_url(header) + "." + Varkel::Zu::Base64::encode_url(payload);
+        const std::string der = signWith(ecKey_.get(), signedText, false);
+        const unsigned char* bytes = reinterpret_cast<const unsigned char*>(der.data());
+        std::unique_ptr<ECDSA_SIG, void (*)(ECDSA_SIG*)> pair(
+            d2i_ECDSA_SIG(nullptr, &bytes, static_cast<long>(der.size())), ECDSA_SIG_free);
+        if (!pair) {
+            throw std::runtime_error("cannot read the ECDSA signature");
+        }
+        std::string raw(2 * kCoordinateSize, '\0');
+        BN_bn2binpad(ECDSA_SIG_get0_r(pair.get()), reinterpret_cast<unsigned char*>(&raw[0]),
+                     kCoordinateSize);
+        BN_bn2binpad(ECDSA_SIG_get0_s(pair.get()),
+                     reinterpret_cast<unsigned char*>(&raw[kCoordinateSize]), kCoordinateSize);
+        return signedText + "." + Varkel::Zu::Base64::encode_url(raw);
+    }
+
+    std::string sign(const std::string& text, bool pss = false) const {
+        return signWith(key_.get(), text, pss);
+    }
+
+  private:
+    static constexpr int kCoordinateSize = 32;
+
+    // A key's big-number parameter as base64url, padded to `width` bytes when not 0.
+    static std::string bignumParameter(EVP_PKEY* key, const char* name, int width) {
+        BIGNUM* number = nullptr;
+        if (EVP_PKEY_get_bn_param(key, name, &number) != 1) {
+            throw std::runtime_error("cannot read a key parameter");
+        }
+        std::string bytes(width != 0 ? static_cast<std::size_t>(width)
+                                     : static_cast<std::size_t>(BN_num_bytes(number)),
+                          '\0');
+        BN_bn2binpad(number, reinterpret_cast<unsigned char*>(&bytes[0]),
+                     static_cast<int>(bytes.size()));
+        BN_free(number);
+        return Varkel::Zu::Base64::encode_url(bytes);
+    }
+
+    static std::string signWith(EVP_PKEY* key, const std::string& text, bool pss) {
         std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> context(EVP_MD_CTX_new(),
                                                                    EVP_MD_CTX_free);
         std::size_t size = 0;
-        if (EVP_DigestSignInit(context.get(), nullptr, EVP_sha256(), nullptr, key_.get()) != 1 ||
+        EVP_PKEY_CTX* keyContext = nullptr;
+        if (EVP_DigestSignInit(context.get(), &keyContext, EVP_sha256(), nullptr, key) != 1 ||
+            (pss && (EVP_PKEY_CTX_set_rsa_padding(keyContext, RSA_PKCS1_PSS_PADDING) != 1 ||
+                     EVP_PKEY_CTX_set_rsa_pss_saltlen(keyContext, RSA_PSS_SALTLEN_DIGEST) != 1)) ||
             EVP_DigestSign(context.get(), nullptr, &size,
                            reinterpret_cast<const unsigned char*>(text.data()), text.size()) != 1) {
             throw std::runtime_error("cannot sign");
@@ -95,8 +183,8 @@ class JwtTestSigner {
         return signature;
     }
 
-  private:
     std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> key_;
+    std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> ecKey_;
     std::unique_ptr<X509, void (*)(X509*)> certificate_;
     std::string certificateText_;
 };

@@ -1,9 +1,11 @@
 #include <TolvaCore/JWTUtils.h>
 
 #include "private/JsonNumbers.h"
+#include "private/JwsSignature.h"
 #include "private/PublicKeyCache.h"
 
 #include <ZuCore/Base64.h>
+#include <ZuCore/Env.h>
 #include <ZuCore/LogMacros.h>
 #include <ZuCore/StringConversion.h>
 
@@ -13,6 +15,7 @@
 
 #include <openssl/x509.h>
 #include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/predicate.hpp>
 #include <boost/algorithm/string/split.hpp>
 
 namespace Varkel {
@@ -49,25 +52,84 @@ value parseSegment(const std::string& segment) {
     return value::parse(throughWideText(bytes->toString()));
 }
 
-// The last key of jwks["keys"] that is a signing key with this kid, or null.
-const value* findSigningKey(const std::string& kid, const value& jwks) {
+// The last key of jwks["keys"] that is a signing key with this kid, or null. With
+// `useMayBeAbsent`, a key without "use" counts as a signing key too.
+const value* findSigningKey(const std::string& kid, const value& jwks, bool useMayBeAbsent) {
     if (!jwks.is_object() || !jwks.has_array_field("keys")) {
         return nullptr;
     }
     const std::wstring wantedKid = widen(kid);
     const value* found = nullptr;
     for (const value& candidate : jwks.at("keys").as_array()) {
-        if (!candidate.has_string_field("use") || !candidate.has_string_field("kid")) {
+        if (!candidate.has_string_field("kid")) {
             continue;
         }
+        const bool signing = candidate.has_string_field("use")
+                                 ? candidate.at("use").as_string() == "sig"
+                                 : useMayBeAbsent && !candidate.has_field("use");
         const std::string& candidateKid = candidate.at("kid").as_string();
-        if (candidate.at("use").as_string() == "sig" &&
-            (isAscii(candidateKid) && isAscii(kid) ? candidateKid == kid
-                                                   : widen(candidateKid) == wantedKid)) {
+        if (signing && (isAscii(candidateKid) && isAscii(kid) ? candidateKid == kid
+                                                              : widen(candidateKid) == wantedKid)) {
             found = &candidate;
         }
     }
     return found;
+}
+
+// "typ" values of the RFC 9068 profile: the platform's "JWT" and the access-token media type,
+// in either of its spellings. Media types compare without regard to case.
+bool isAccessTokenType(const std::string& typ) {
+    return boost::iequals(typ, "JWT") || boost::iequals(typ, "at+jwt") ||
+           boost::iequals(typ, "application/at+jwt");
+}
+
+bool holdsAudience(const value& audience, const std::string& wanted) {
+    if (audience.is_string()) {
+        return audience.as_string() == wanted;
+    }
+    for (const value& entry : audience.as_array()) {
+        if (entry.is_string() && entry.as_string() == wanted) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Why the claims of an access token do not meet RFC 9068 (its required claims with their JSON
+// types, "nbf", and the expected issuer and audience when set), or empty when they do.
+std::wstring accessTokenClaimFailure(const value& claims, std::int64_t now,
+                                     const std::string& expectedIssuer,
+                                     const std::string& expectedAudience) {
+    for (const char* name : {"iss", "sub", "client_id", "jti"}) {
+        if (!claims.has_string_field(name)) {
+            return L"Token claim '" + widen(name) + L"' missing or not a string.";
+        }
+    }
+    if (!claims.has_number_field("iat")) {
+        return L"Token claim 'iat' missing or not a number.";
+    }
+    if (!claims.has_string_field("aud") && !claims.has_array_field("aud")) {
+        return L"Token claim 'aud' missing or neither a string nor an array.";
+    }
+    if (claims.has_field("nbf") && now < truncatedInt64(claims.at("nbf"))) {
+        return L"Token not valid yet ('nbf' lies ahead).";
+    }
+    if (!expectedIssuer.empty() && claims.at("iss").as_string() != expectedIssuer) {
+        return L"Token issuer is not the expected issuer.";
+    }
+    if (!expectedAudience.empty() && !holdsAudience(claims.at("aud"), expectedAudience)) {
+        return L"Token audience does not include the expected audience.";
+    }
+    return {};
+}
+
+// Text of an environment variable as UTF-8; empty when unset or unreadable.
+std::string environmentText(const wchar_t* name) {
+    try {
+        return narrow(Varkel::Zu::Env::getVar(std::wstring(name), L""));
+    } catch (...) {
+        return {};
+    }
 }
 
 // The public key of a certificate text, remembered per thread for the text last seen: a host
@@ -88,7 +150,10 @@ std::shared_ptr<Varkel::Zu::Logger> JWTUtils::_logger =
     Varkel::Zu::Logger::getLogger("TolvaCore.JWTUtils");
 
 JWTUtils::JWTUtils(Varkel::Zu::PrivateConstructorType)
-    : digestContext_(EVP_MD_CTX_create(),
+    : profile_(jwtProfileFromEnvironment()),
+      expectedIssuer_(environmentText(L"TOLVA_JWT_ISSUER")),
+      expectedAudience_(environmentText(L"TOLVA_JWT_AUDIENCE")),
+      digestContext_(EVP_MD_CTX_create(),
                      [](EVP_MD_CTX* context) { EVP_MD_CTX_destroy(context); }) {
     if (!digestContext_) {
         throw std::bad_alloc();
@@ -101,7 +166,7 @@ JWTUtils& JWTUtils::operator=(const JWTUtils& other) = default;
 
 VerificationResult JWTUtils::findKey(const std::string& kid, const value& jwks, value& key) {
     // The last match wins.
-    const value* found = findSigningKey(kid, jwks);
+    const value* found = findSigningKey(kid, jwks, profile_ == JwtProfile::Rfc9068);
     if (found == nullptr) {
         return KeyNotFound;
     }
@@ -118,59 +183,139 @@ VerificationResult JWTUtils::verify(const value& jwks, const std::wstring& token
 
 VerificationResult JWTUtils::verify(const value& jwks, const std::wstring& token, value& claims,
                                     std::int64_t now) {
+    return verifyToken(jwks, token, claims, now, nullptr);
+}
+
+VerificationResult JWTUtils::verify(const value& jwks, const std::wstring& token, value& claims,
+                                    std::int64_t now, std::wstring& reason) {
+    reason.clear();
+    return verifyToken(jwks, token, claims, now, &reason);
+}
+
+void JWTUtils::setExpectedIssuer(const std::wstring& issuer) {
+    expectedIssuer_ = narrow(issuer);
+}
+
+std::wstring JWTUtils::expectedIssuer() const {
+    return widen(expectedIssuer_);
+}
+
+void JWTUtils::setExpectedAudience(const std::wstring& audience) {
+    expectedAudience_ = narrow(audience);
+}
+
+std::wstring JWTUtils::expectedAudience() const {
+    return widen(expectedAudience_);
+}
+
+VerificationResult JWTUtils::verifyToken(const value& jwks, const std::wstring& token,
+                                         value& claims, std::int64_t now,
+                                         std::wstring* reason) const {
     using Varkel::Zu::Logger;
+    const bool rfc9068 = profile_ == JwtProfile::Rfc9068;
+    // A refusal: its line on the logger (unless `logged` is false) and its reason for the
+    // caller who asked for one.
+    const auto refuse = [reason](VerificationResult result, const std::wstring& text,
+                                 bool logged = true) {
+        if (logged) {
+            ZU_LOG_ERROR(_logger, text);
+        }
+        if (reason != nullptr) {
+            *reason = text;
+        }
+        return result;
+    };
     try {
         std::vector<std::string> parts;
         const std::string narrowToken = narrow(token);
         boost::split(parts, narrowToken, boost::is_any_of("."));
         if (parts.size() != 3) {
-            return InvalidToken;
+            return refuse(InvalidToken,
+                          L"Not a JWT: the token does not have three parts separated by '.'.",
+                          false);
         }
 
         const value header = parseSegment(parts[0]);
         if (!header.has_field("kid") || !header.has_field("typ")) {
-            ZU_LOG_ERROR(_logger, L"Missing kid or typ items in JWT header.");
-            return InvalidToken;
+            return refuse(InvalidToken, L"Missing kid or typ items in JWT header.");
         }
         const std::string kid = throughWideText(header.at("kid").as_string());
         const std::string typ = throughWideText(header.at("typ").as_string());
-        if (typ != "JWT") {
-            ZU_LOG_ERROR(_logger, L"Token type is not 'JWT'");
-            return InvalidToken;
+        JwsSignature::Algorithm algorithm = JwsSignature::Algorithm::RS256;
+        if (!rfc9068) {
+            if (typ != "JWT") {
+                return refuse(InvalidToken, L"Token type is not 'JWT'");
+            }
+        } else {
+            if (!isAccessTokenType(typ)) {
+                return refuse(InvalidToken, L"Token type is not 'JWT' or 'at+jwt'.");
+            }
+            algorithm = header.has_string_field("alg")
+                            ? JwsSignature::algorithmNamed(header.at("alg").as_string())
+                            : JwsSignature::Algorithm::None;
+            if (algorithm == JwsSignature::Algorithm::None) {
+                return refuse(InvalidToken,
+                              L"Token algorithm is not one of RS256, PS256 and ES256.");
+            }
         }
 
         // Looked up in place rather than copied out as findKey does: the same key, no copy.
-        const value* foundKey = findSigningKey(kid, jwks);
+        const value* foundKey = findSigningKey(kid, jwks, rfc9068);
         if (foundKey == nullptr) {
-            return KeyNotFound;
+            return refuse(
+                KeyNotFound,
+                L"No signing key with the token's key id '" + widen(kid) + L"' in the key set.",
+                false);
         }
         const value& key = *foundKey;
-        if (!key.has_field("x5c")) {
-            ZU_LOG_ERROR(_logger, L"Missing 'x5c' section in JWKS key.");
-            return InvalidToken;
+        const bool hasCertificate = key.has_field("x5c");
+        // Without a certificate, the profile takes the key's own parameters.
+        const std::string keyText =
+            hasCertificate || !rfc9068 ? std::string() : JwsSignature::parameterText(key);
+        if (!hasCertificate && keyText.empty()) {
+            return refuse(InvalidToken, rfc9068 ? L"Missing 'x5c' section and usable 'n' and 'e' "
+                                                  L"(or 'x' and 'y') in JWKS key."
+                                                : L"Missing 'x5c' section in JWKS key.");
         }
 
         claims = parseSegment(parts[1]);
         if (!claims.has_field("exp")) {
-            ZU_LOG_ERROR(_logger, L"Token expiration missing.");
-            return InvalidToken;
+            return refuse(InvalidToken, L"Token expiration missing.");
         }
         if (now > truncatedInt64(claims.at("exp"))) {
-            ZU_LOG_ERROR(_logger, L"Token expired.");
-            return TokenExpired;
+            return refuse(TokenExpired, L"Token expired.");
+        }
+        // The claims RFC 9068 requires are those of its access tokens; a "JWT" is the
+        // platform's own kind, which carries no audience.
+        if (rfc9068 && !boost::iequals(typ, "JWT")) {
+            const std::wstring claimFailure =
+                accessTokenClaimFailure(claims, now, expectedIssuer_, expectedAudience_);
+            if (!claimFailure.empty()) {
+                return refuse(InvalidToken, claimFailure);
+            }
         }
 
         const auto signature = Varkel::Zu::Base64::decode_url(parts[2]);
         const std::string signedText = parts[0] + "." + parts[1];
 
-        // The first certificate of the chain. Its public key is parsed once per certificate
-        // text and kept (successes only), which keeps every result and line the same.
-        const std::string certificateText = throughWideText(key.at("x5c").at(0).as_string());
+        // The first certificate of the chain, or under the profile the key's parameters. The
+        // public key is made once per text and kept (successes only), which keeps every result
+        // and line the same.
+        const std::string certificateText =
+            hasCertificate ? throughWideText(key.at("x5c").at(0).as_string()) : keyText;
         std::shared_ptr<EVP_PKEY> publicKey;
         if (lastCertificate.key && lastCertificate.text == certificateText) {
             publicKey = lastCertificate.key;
         } else {
             publicKey = PublicKeyCache::instance().find(certificateText);
+        }
+        if (!publicKey && !hasCertificate) {
+            publicKey = JwsSignature::publicKeyOf(key);
+            if (!publicKey) {
+                return refuse(VerificationFailed,
+                              L"Failed to construct a public key from the JWKS key's parameters.");
+            }
+            PublicKeyCache::instance().insert(certificateText, publicKey);
         }
         if (!publicKey) {
             const auto der = Varkel::Zu::Base64::decode(certificateText);
@@ -180,14 +325,13 @@ VerificationResult JWTUtils::verify(const value& jwks, const std::wstring& token
                     ? nullptr
                     : d2i_X509(nullptr, &derBytes, static_cast<long>(der->getSize())));
             if (!certificate) {
-                ZU_LOG_ERROR(_logger,
-                             L"Failed to construct X509 certificate from the 'x5c' JWKS data.");
-                return VerificationFailed;
+                return refuse(VerificationFailed,
+                              L"Failed to construct X509 certificate from the 'x5c' JWKS data.");
             }
             publicKey.reset(X509_get_pubkey(certificate.get()), EVP_PKEY_free);
             if (!publicKey) {
-                ZU_LOG_ERROR(_logger, L"Failed to extract public key from the X509 certificate.");
-                return VerificationFailed;
+                return refuse(VerificationFailed,
+                              L"Failed to extract public key from the X509 certificate.");
             }
             PublicKeyCache::instance().insert(certificateText, publicKey);
         }
@@ -196,30 +340,45 @@ VerificationResult JWTUtils::verify(const value& jwks, const std::wstring& token
             lastCertificate.key = publicKey;
         }
 
+        if (rfc9068) {
+            if (!JwsSignature::fits(algorithm, publicKey.get()) ||
+                (key.has_string_field("alg") &&
+                 JwsSignature::algorithmNamed(key.at("alg").as_string()) != algorithm)) {
+                return refuse(VerificationFailed,
+                              L"The JWKS key is not a key for the token's algorithm.");
+            }
+            if (JwsSignature::verifies(algorithm, publicKey.get(), signedText, signature->getData(),
+                                       signature->getSize())) {
+                return Verified;
+            }
+            return refuse(VerificationFailed, L"Signature verification failed.");
+        }
+
         const std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> context(
             EVP_MD_CTX_create(), [](EVP_MD_CTX* c) { EVP_MD_CTX_destroy(c); });
         if (!context) {
-            ZU_LOG_ERROR(_logger, L"Failed to create an message digest context certificate.");
-            return VerificationFailed;
+            return refuse(VerificationFailed,
+                          L"Failed to create an message digest context certificate.");
         }
         // The platform signs RS256: SHA-256 with the certificate's RSA key.
         if (EVP_VerifyInit(context.get(), EVP_sha256()) == 0) {
-            ZU_LOG_ERROR(_logger, L"EVP_VerifyInit failed.");
-            return VerificationFailed;
+            return refuse(VerificationFailed, L"EVP_VerifyInit failed.");
         }
         if (EVP_VerifyUpdate(context.get(), signedText.data(), signedText.size()) == 0) {
-            ZU_LOG_ERROR(_logger, L"EVP_VerifyUpdate failed.");
-            return VerificationFailed;
+            return refuse(VerificationFailed, L"EVP_VerifyUpdate failed.");
         }
         if (EVP_VerifyFinal(context.get(), signature->getData(),
                             static_cast<unsigned int>(signature->getSize()),
                             publicKey.get()) == 1) {
             return Verified;
         }
-        ZU_LOG_ERROR(_logger, L"EVP_VerifyFinal failed. Signature verification failed.");
-        return VerificationFailed;
+        return refuse(VerificationFailed,
+                      L"EVP_VerifyFinal failed. Signature verification failed.");
     } catch (const std::exception& e) {
         ZU_LOG_CAPPED(_logger, Logger::getErrorLevel(), kFailureCapMs, widen(e.what()));
+        if (reason != nullptr) {
+            *reason = L"The token or the key set cannot be read: " + widen(e.what());
+        }
         return VerificationFailed;
     }
 }

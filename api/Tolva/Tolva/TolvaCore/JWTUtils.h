@@ -5,12 +5,19 @@
 /// its RS256 signature with the X.509 certificate of the signing key, and reports a result
 /// instead of throwing.
 ///
+/// By default it accepts the platform's own tokens only (JwtProfile::Platform). The opt-in
+/// profile JwtProfile::Rfc9068 (setProfile, or TOLVA_JWT_PROFILE=rfc9068 for the whole process)
+/// also accepts the JWT access tokens of standard OpenID providers: "typ" "at+jwt", keys
+/// without certificates ("n"/"e"), RS256, PS256 and ES256, and checks the claims RFC 9068
+/// requires; see JwtProfile.
+///
 ///   auto verifier = Varkel::Zu::MakeShared::create<Varkel::Tolva::JWTUtils>();
 ///   web::json::value claims;
 ///   if (verifier->verify(api->getCurrentTokenCopy().keySet, token, claims) ==
 ///       Varkel::Tolva::Verified) { ... claims.at("acc") ... }
 #pragma once
 
+#include <TolvaCore/JwtProfile.h>
 #include <TolvaCore/TolvaExport.h>
 
 #include <ZuCore/Logger.h>
@@ -45,43 +52,73 @@ enum VerificationResult : std::int32_t {
 
 /// Every failure is logged at error level on "TolvaCore.JWTUtils" (the texts below); a token
 /// that is not three parts and a key id the set does not know are returned without a line.
-/// Tokens and claims are never logged.
+/// Tokens and claims are never logged. The verify overload with a `reason` also hands the
+/// failure's text to the caller, including for the two cases without a line.
 ///
 /// Thread safety: verify and findKey keep their state on the stack, so one JWTUtils may serve
-/// any number of threads at once. The public keys of the certificates seen are kept in a
-/// process-wide, bounded cache keyed by the certificate text, so a certificate is parsed once
-/// however many tokens it verifies; a certificate that fails to parse is never kept, and a new
-/// key set simply brings new texts.
+/// any number of threads at once; the setters (profile, issuer, audience) are meant for
+/// before the object is shared, and must not run while another thread verifies with it. The public
+/// keys of the certificates seen are kept in a process-wide, bounded cache keyed by the certificate
+/// text, so a certificate is parsed once however many tokens it verifies; a certificate that fails
+/// to parse is never kept, and a new key set simply brings new texts.
 class TOLVA_EXPORT JWTUtils {
   public:
-    /// Made through Varkel::Zu::MakeShared::create<JWTUtils>(). Throws std::bad_alloc when
-    /// libcrypto cannot make its digest context.
+    /// Made through Varkel::Zu::MakeShared::create<JWTUtils>(). The profile comes from
+    /// TOLVA_JWT_PROFILE (see jwtProfileFromEnvironment), the expected issuer and audience of
+    /// the Rfc9068 profile from TOLVA_JWT_ISSUER and TOLVA_JWT_AUDIENCE (unset: not checked).
+    /// Throws std::bad_alloc when libcrypto cannot make its digest context.
     explicit JWTUtils(Varkel::Zu::PrivateConstructorType);
     virtual ~JWTUtils();
-    /// A copy shares the digest context.
+    /// A copy shares the digest context and has the same profile, issuer and audience.
     JWTUtils(const JWTUtils& other);
     /// Shares the other's digest context.
     JWTUtils& operator=(const JWTUtils& other);
 
     /// Verifies `token` against the key set `jwks` at the time `now` (seconds since the Unix
-    /// epoch). Checks, in order: three "."-separated parts; a header with "kid" and "typ", "typ"
-    /// exactly "JWT" (the "alg" member is not consulted: the signature is always checked as
-    /// RS256); a signing key with that "kid" that has "x5c"; the payload (stored in `claims`
-    /// from then on, whatever the result) with "exp" not before `now` (a token is accepted in
-    /// the very second of its "exp"); the signature with the public key of the key's first
-    /// certificate. Never throws: malformed Base64 or JSON gives VerificationFailed.
+    /// epoch). By default (JwtProfile::Platform) it checks, in order: three "."-separated parts; a
+    /// header with "kid" and "typ", "typ" exactly "JWT" (the "alg" member is not consulted: the
+    /// signature is always checked as RS256); a signing key with that "kid" that has "x5c"; the
+    /// payload (stored in `claims` from then on, whatever the result) with "exp" not before `now`
+    /// (a token is accepted in the very second of its "exp"); the signature with the public key of
+    /// the key's first certificate. Never throws: malformed Base64 or JSON gives
+    /// VerificationFailed. Under JwtProfile::Rfc9068 the same steps in the same order, with the
+    /// rules of that profile (see JwtProfile) and its claim checks after the expiry.
     VerificationResult verify(const web::json::value& jwks, const std::wstring& token,
                               web::json::value& claims, std::int64_t now);
+
+    /// The same, and `reason` says why a token was refused, in words a person can act on (the
+    /// log line's text where there is one, e.g. "Token type is not 'JWT'"; also for a token
+    /// that is not three parts and an unknown key id); empty when Verified. Never throws.
+    VerificationResult verify(const web::json::value& jwks, const std::wstring& token,
+                              web::json::value& claims, std::int64_t now, std::wstring& reason);
 
     /// The same, at the current system time.
     VerificationResult verify(const web::json::value& jwks, const std::wstring& token,
                               web::json::value& claims);
 
-    /// Finds the signing key ("use" exactly "sig") with the given "kid" in jwks["keys"]; when
-    /// several match, the last one wins. Returns Verified and copies it to `key`, or
+    /// Finds the signing key ("use" exactly "sig"; under JwtProfile::Rfc9068 also a key
+    /// without "use") with the given "kid" in jwks["keys"]; when several match, the last one
+    /// wins. Returns Verified and copies it to `key`, or
     /// KeyNotFound and leaves `key` as it is. Never throws.
     VerificationResult findKey(const std::string& kid, const web::json::value& jwks,
                                web::json::value& key);
+
+    /// Chooses the rules verify applies (see JwtProfile). Never throws.
+    void setProfile(JwtProfile profile) noexcept { profile_ = profile; }
+    /// The rules in force.
+    JwtProfile profile() const noexcept { return profile_; }
+
+    /// The "iss" that Rfc9068 tokens must carry (the provider's issuer identifier, compared
+    /// exactly); empty: any issuer. Not used by the Platform profile.
+    void setExpectedIssuer(const std::wstring& issuer);
+    /// The expected issuer (empty: none). Never throws except std::bad_alloc.
+    std::wstring expectedIssuer() const;
+
+    /// The audience that the "aud" of Rfc9068 tokens must hold (a string equal to it, or an
+    /// array with it); empty: any audience. Not used by the Platform profile.
+    void setExpectedAudience(const std::wstring& audience);
+    /// The expected audience (empty: none). Never throws except std::bad_alloc.
+    std::wstring expectedAudience() const;
 
     /// The digest context this object shares with its copies and the objects assigned from
     /// it: two objects share it when this gives the same pointer. Never null. Any thread.
@@ -89,6 +126,15 @@ class TOLVA_EXPORT JWTUtils {
 
   private:
     static std::shared_ptr<Varkel::Zu::Logger> _logger;
+
+    VerificationResult verifyToken(const web::json::value& jwks, const std::wstring& token,
+                                   web::json::value& claims, std::int64_t now,
+                                   std::wstring* reason) const;
+
+    JwtProfile profile_ = JwtProfile::Platform;
+    // UTF-8, as the claims hold them.
+    std::string expectedIssuer_;
+    std::string expectedAudience_;
 
     /// Made in the constructor and shared by copies; verify makes a context of its own for
     /// each verification, so this one is never used concurrently.

@@ -171,6 +171,14 @@ class TOLVA_EXPORT QxPlatformApi {
     /// Any thread.
     std::wstring getCurrentAccessToken() const;
 
+    /// Why the latest token request failed, in the library's words (the transport or status
+    /// failure, "Invalid JWT token. Expecting 3 parts" for an opaque token, "Invalid JWT
+    /// token. Does not carry an 'acc' claim." for a JWT without the account), so that a host
+    /// can tell its user why there is no token; empty before any failure and after a token
+    /// was obtained. Never holds the token or the key. Never throws except std::bad_alloc.
+    /// Any thread.
+    std::wstring lastTokenFailure() const;
+
     /// Publishes one notification: renews the token when due, then POSTs
     /// {"id", "time", "topic" (lower-cased), "content", "ttl" (only when ttl is not 0),
     /// "source": "Tolva"} to "/notifications/api/v1/notifications" and waits for the answer.
@@ -494,6 +502,9 @@ class TOLVA_EXPORT QxPlatformApi {
     /// failure. Guarded by stateMutex_.
     std::chrono::steady_clock::time_point tokenRetryNotBefore_{};
     unsigned int tokenRetryFailures_ = 0;
+    /// The what() text of the latest failed token request; cleared by a success. Guarded by
+    /// stateMutex_.
+    std::wstring lastTokenFailure_;
     /// Services whose heartbeat was answered 404 and the host told so, and those being
     /// registered again. Guarded by serviceTableMutex_.
     std::set<std::wstring> lostServices_;

@@ -92,6 +92,7 @@ void QxPlatformApi::tokenRequestFailed(const std::exception& failure) {
         // 1 s, doubling to 32 s.
         tokenRetryNotBefore_ = std::chrono::steady_clock::now() +
                                std::chrono::seconds(1u << (tokenRetryFailures_ - 1));
+        lastTokenFailure_ = widen(failure.what());
     }
     if (tokenFailing_.exchange(true)) {
         return;
@@ -107,6 +108,7 @@ void QxPlatformApi::tokenRequestSucceeded() {
         std::lock_guard<std::mutex> lock(stateMutex_);
         tokenRetryFailures_ = 0;
         tokenRetryNotBefore_ = std::chrono::steady_clock::time_point();
+        lastTokenFailure_.clear();
     }
     if (!tokenFailing_.exchange(false)) {
         return;
@@ -115,6 +117,11 @@ void QxPlatformApi::tokenRequestSucceeded() {
     event.kind = ApiEvent::Kind::TokenRenewalRecovered;
     event.reason = L"a new access token was obtained";
     events_->publish(std::move(event));
+}
+
+std::wstring QxPlatformApi::lastTokenFailure() const {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    return lastTokenFailure_;
 }
 
 Token QxPlatformApi::getToken() {
