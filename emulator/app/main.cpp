@@ -39,6 +39,12 @@ void printUsage(std::ostream& out) {
            "  --state FILE             keep mailboxes and services in FILE across restarts:\n"
            "                           read at start, written every 500 ms and at stop\n"
            "  --state-interval-ms N    how often the state file is written (default 500)\n"
+           "  --idle-close-ms N        close a connection idle for N ms between requests\n"
+           "                           (default 0: after 300 s)\n"
+           "  --max-requests-per-connection N\n"
+           "                           close a connection after its Nth answer (default 0:\n"
+           "                           no limit)\n"
+           "  --close-unannounced      that Nth answer does not say \"Connection: close\"\n"
            "  --help                   this text\n";
 }
 
@@ -69,6 +75,10 @@ qxpemu::EmulatorOptions parseArguments(int argc, char** argv) {
             options.tls = true;
             continue;
         }
+        if (option == "--close-unannounced") {
+            options.connections.announceClose = false;
+            continue;
+        }
         if (i + 1 >= argc) {
             throw std::invalid_argument(
                 option == "--port" || option == "--bind" || option == "--token-lifetime" ||
@@ -76,7 +86,8 @@ qxpemu::EmulatorOptions parseArguments(int argc, char** argv) {
                         option == "--key" || option == "--heartbeat-interval-ms" ||
                         option == "--tls-cert" || option == "--tls-key" || option == "--ca-out" ||
                         option == "--tls-name" || option == "--state" ||
-                        option == "--state-interval-ms"
+                        option == "--state-interval-ms" || option == "--idle-close-ms" ||
+                        option == "--max-requests-per-connection"
                     ? option + " needs a value"
                     : "unknown option " + option);
         }
@@ -109,6 +120,10 @@ qxpemu::EmulatorOptions parseArguments(int argc, char** argv) {
             options.stateFile = value;
         } else if (option == "--state-interval-ms") {
             options.stateSaveIntervalMs = toInt(option, value, 1, 3600000);
+        } else if (option == "--idle-close-ms") {
+            options.connections.idleCloseMs = toInt(option, value, 0, 3600000);
+        } else if (option == "--max-requests-per-connection") {
+            options.connections.maxRequestsPerConnection = toInt(option, value, 0, 1000000000);
         } else if (option == "--ca-out") {
             options.caCertFile = value;
         } else if (option == "--client") {

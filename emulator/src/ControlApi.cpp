@@ -55,11 +55,17 @@ nlohmann::json ControlApi::toJson(const RecordedRequest& request) {
 }
 
 nlohmann::json ControlApi::toJson(const FaultRule& rule) {
-    return {{"method", rule.method},   {"pathPattern", rule.pathPattern},
-            {"status", rule.status},   {"reason", rule.reason},
-            {"body", rule.body},       {"contentType", rule.contentType},
-            {"delayMs", rule.delayMs}, {"drop", rule.drop},
-            {"times", rule.times}};
+    return {{"method", rule.method},
+            {"pathPattern", rule.pathPattern},
+            {"status", rule.status},
+            {"reason", rule.reason},
+            {"body", rule.body},
+            {"contentType", rule.contentType},
+            {"delayMs", rule.delayMs},
+            {"drop", rule.drop},
+            {"times", rule.times},
+            {"trickleChunkBytes", rule.trickleChunkBytes},
+            {"trickleIntervalMs", rule.trickleIntervalMs}};
 }
 
 FaultRule ControlApi::faultFromJson(const nlohmann::json& value) {
@@ -79,6 +85,8 @@ FaultRule ControlApi::faultFromJson(const nlohmann::json& value) {
     rule.delayMs = intMember(value, "delayMs", rule.delayMs);
     rule.drop = member<bool>(value, "drop", rule.drop);
     rule.times = intMember(value, "times", rule.times);
+    rule.trickleChunkBytes = intMember(value, "trickleChunkBytes", rule.trickleChunkBytes);
+    rule.trickleIntervalMs = intMember(value, "trickleIntervalMs", rule.trickleIntervalMs);
     return rule;
 }
 
@@ -163,6 +171,34 @@ HttpReply ControlApi::handle(const IncomingRequest& request) {
     if (what == "state") {
         return method == "GET" ? HttpReply::json(200, toJsonText(core_.state()))
                                : methodNotAllowed("GET");
+    }
+    if (what == "connections") {
+        if (method == "GET") {
+            return HttpReply::json(200, toJsonText(core_.connections.describe()));
+        }
+        if (method != "POST") {
+            return methodNotAllowed("GET, POST");
+        }
+        nlohmann::json body;
+        const std::string problem = parseJsonBody(request.body, body);
+        if (!problem.empty()) {
+            return HttpReply::text(400, problem);
+        }
+        if (!body.is_object()) {
+            return HttpReply::text(400, "expected a JSON object");
+        }
+        // Members left out keep their current value.
+        ConnectionPolicy policy = core_.connections.policy();
+        try {
+            policy.idleCloseMs = intMember(body, "idleCloseMs", policy.idleCloseMs);
+            policy.maxRequestsPerConnection =
+                intMember(body, "maxRequestsPerConnection", policy.maxRequestsPerConnection);
+            policy.announceClose = member<bool>(body, "announceClose", policy.announceClose);
+            core_.connections.setPolicy(policy);
+        } catch (const std::invalid_argument& error) {
+            return HttpReply::text(400, error.what());
+        }
+        return HttpReply::empty(204);
     }
     if (what == "token-lifetime") {
         if (method != "POST") {

@@ -273,6 +273,18 @@ void Emulator::clearFaults() {
     impl_->core.faults.clear();
 }
 
+void Emulator::setConnectionPolicy(const ConnectionPolicy& policy) {
+    impl_->core.connections.setPolicy(policy);
+}
+
+ConnectionPolicy Emulator::connectionPolicy() const {
+    return impl_->core.connections.policy();
+}
+
+ConnectionCounts Emulator::connectionCounts() const {
+    return impl_->core.connections.counts();
+}
+
 void Emulator::setTokenLifetime(int seconds) {
     impl_->core.identity.setLifetime(seconds);
 }

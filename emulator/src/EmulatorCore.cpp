@@ -34,7 +34,8 @@ EmulatorCore::EmulatorCore(EmulatorOptions emulatorOptions)
       identity(keys, options.clients, options.tokenLifetimeSeconds),
       hub(options.maxQueuedPerMailbox),
       discovery(options.heartbeatIntervalMs, options.missedHeartbeatsForCritical),
-      log(options.maxRecordedRequests) {}
+      log(options.maxRecordedRequests),
+      connections(options.connections) {}
 
 nlohmann::json EmulatorCore::state() const {
     nlohmann::json keyList = nlohmann::json::array();
@@ -53,7 +54,8 @@ nlohmann::json EmulatorCore::state() const {
             {"tokenLifetimeSeconds", identity.lifetime()},
             {"maxPollSeconds", options.maxPollSeconds},
             {"recordedRequests", log.size()},
-            {"faultRules", faults.rules().size()}};
+            {"faultRules", faults.rules().size()},
+            {"connections", connections.describe()}};
 }
 
 void EmulatorCore::reset() {
@@ -63,6 +65,8 @@ void EmulatorCore::reset() {
     recent.clear();
     faults.clear();
     identity.setLifetime(options.tokenLifetimeSeconds);
+    connections.setPolicy(options.connections);
+    connections.resetCounts();
     keys.dropRetired();
 }
 

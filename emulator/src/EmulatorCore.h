@@ -6,6 +6,7 @@
 
 #include <qxpemu/EmulatorOptions.h>
 
+#include "ConnectionTracker.h"
 #include "DiscoveryRegistry.h"
 #include "FaultTable.h"
 #include "IdentityService.h"
@@ -38,6 +39,7 @@ struct EmulatorCore {
     RequestLog log;
     RecentActivity recent;
     FaultTable faults;
+    ConnectionTracker connections;
 };
 
 // Fills in the default client when `options` names none.

@@ -29,6 +29,10 @@ void FaultTable::add(const FaultRule& rule) {
     if (rule.delayMs < 0) {
         throw std::invalid_argument("fault rule: delayMs must not be negative");
     }
+    if (rule.trickleChunkBytes < 0 || rule.trickleIntervalMs < 0) {
+        throw std::invalid_argument(
+            "fault rule: trickleChunkBytes and trickleIntervalMs must not be negative");
+    }
     auto entry = std::make_unique<Entry>();
     entry->rule = rule;
     try {

@@ -4,6 +4,8 @@
 
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/http/chunk_encode.hpp>
 #include <boost/beast/http/error.hpp>
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/write.hpp>
@@ -19,7 +21,8 @@ namespace http = boost::beast::http;
 
 namespace {
 
-// An idle keep-alive connection is closed after this long without a request.
+// An idle keep-alive connection is closed after this long without a request, unless the
+// connection policy says sooner.
 constexpr std::chrono::seconds kIdleTimeout(300);
 constexpr std::uint32_t kHeaderLimit = 64 * 1024;
 // How long, and how much, a connection closed after an early answer is drained.
@@ -59,7 +62,12 @@ void HttpSession<Stream>::readRequest() {
     parser_.emplace();
     parser_->body_limit(core_.options.maxBodyBytes);
     parser_->header_limit(kHeaderLimit);
-    tcp().expires_after(kIdleTimeout);
+    const int idleCloseMs = core_.connections.policy().idleCloseMs;
+    if (idleCloseMs > 0) {
+        tcp().expires_after(std::chrono::milliseconds(idleCloseMs));
+    } else {
+        tcp().expires_after(kIdleTimeout);
+    }
     http::async_read(stream_, buffer_, *parser_,
                      [self = this->shared_from_this()](beast::error_code error, std::size_t) {
                          self->onRead(error);
@@ -78,6 +86,12 @@ void HttpSession<Stream>::onRead(beast::error_code error) {
         send(HttpReply::text(
                  431, "request header larger than " + std::to_string(kHeaderLimit) + " bytes"),
              true);
+        return;
+    }
+    if (error == beast::error::timeout && buffer_.size() == 0 && !parser_->got_some()) {
+        // Idle: the stream has closed the socket already (a FIN, no close_notify over TLS).
+        core_.connections.closedIdle();
+        closeConnection();
         return;
     }
     if (error == http::error::end_of_stream || error == net::error::eof ||
@@ -111,6 +125,9 @@ void HttpSession<Stream>::onRead(beast::error_code error) {
     request_.body = std::move(message.body());
     keepAlive_ = message.keep_alive();
     httpVersion_ = message.version();
+    ++requestsRead_;
+    trickleChunkBytes_ = 0;
+    trickleIntervalMs_ = 0;
     handleRequest();
 }
 
@@ -136,6 +153,10 @@ void HttpSession<Stream>::handleRequest() {
     core_.log.add(RecordedRequest{request_.method, request_.target, request_.headers, request_.body,
                                   std::chrono::steady_clock::now()});
     if (auto fault = core_.faults.take(request_.method, request_.path)) {
+        if (request_.method != "HEAD") {
+            trickleChunkBytes_ = fault->trickleChunkBytes;
+            trickleIntervalMs_ = fault->trickleIntervalMs;
+        }
         if (fault->delayMs > 0) {
             timer_.expires_after(std::chrono::milliseconds(fault->delayMs));
             timer_.async_wait(
@@ -268,12 +289,81 @@ void HttpSession<Stream>::send(HttpReply reply, bool forceClose) {
     for (const auto& field : reply.extraHeaders) {
         response.insert(field.first, field.second);
     }
-    const bool close = forceClose || !keepAlive_;
-    response.keep_alive(!close);
+    bool close = forceClose || !keepAlive_;
+    bool announceClose = close;
+    const ConnectionPolicy policy = core_.connections.policy();
+    if (!close && policy.maxRequestsPerConnection > 0 &&
+        requestsRead_ >= std::size_t(policy.maxRequestsPerConnection)) {
+        // The last request this connection serves: answered whole, then closed, said so in
+        // the answer or not.
+        core_.connections.closedAfterRequests();
+        close = true;
+        announceClose = policy.announceClose;
+    }
+    response.keep_alive(!announceClose);
+    // Chunked coding needs HTTP/1.1; an HTTP/1.0 client gets the body in one piece.
+    if (bodyAllowed && trickleChunkBytes_ > 0 && httpVersion_ >= 11) {
+        sendTrickled(std::move(response.base()), std::move(response.body()), close);
+        response_.reset();
+        return;
+    }
     response.prepare_payload();
     http::async_write(stream_, response,
                       [self = this->shared_from_this(), close](
                           beast::error_code error, std::size_t) { self->onWritten(error, close); });
+}
+
+template <class Stream>
+void HttpSession<Stream>::sendTrickled(http::response_header<> head, std::string body, bool close) {
+    trickleHead_.emplace(std::move(head));
+    trickleHead_->chunked(true);
+    trickleBody_ = std::move(body);
+    trickleSent_ = 0;
+    trickleSerializer_.emplace(*trickleHead_);
+    http::async_write_header(
+        stream_, *trickleSerializer_,
+        [self = this->shared_from_this(), close](beast::error_code error, std::size_t) {
+            if (error) {
+                self->onWritten(error, close);
+                return;
+            }
+            self->trickleNext(close);
+        });
+}
+
+template <class Stream>
+void HttpSession<Stream>::trickleNext(bool close) {
+    auto self = this->shared_from_this();
+    if (trickleSent_ >= trickleBody_.size()) {
+        net::async_write(stream_, http::make_chunk_last(),
+                         [self, close](beast::error_code error, std::size_t) {
+                             self->trickleSerializer_.reset();
+                             self->trickleHead_.reset();
+                             self->trickleBody_.clear();
+                             self->onWritten(error, close);
+                         });
+        return;
+    }
+    timer_.expires_after(std::chrono::milliseconds(trickleIntervalMs_));
+    timer_.async_wait([self, close](beast::error_code error) {
+        if (error) {
+            self->closeConnection();
+            return;
+        }
+        const std::size_t size = std::min(self->trickleBody_.size() - self->trickleSent_,
+                                          std::size_t(self->trickleChunkBytes_));
+        net::async_write(
+            self->stream_,
+            http::make_chunk(net::buffer(self->trickleBody_.data() + self->trickleSent_, size)),
+            [self, close, size](beast::error_code writeError, std::size_t) {
+                if (writeError) {
+                    self->onWritten(writeError, close);
+                    return;
+                }
+                self->trickleSent_ += size;
+                self->trickleNext(close);
+            });
+    });
 }
 
 template <class Stream>

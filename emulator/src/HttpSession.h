@@ -13,8 +13,10 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http/empty_body.hpp>
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/parser.hpp>
+#include <boost/beast/http/serializer.hpp>
 #include <boost/beast/http/string_body.hpp>
 #include <boost/beast/ssl/ssl_stream.hpp>
 
@@ -33,7 +35,12 @@ class HttpSession : public std::enable_shared_from_this<HttpSession<Stream>> {
     // A plain connection, or a TLS one with the server context as the last argument.
     template <class... TlsContext>
     HttpSession(EmulatorCore& core, boost::asio::ip::tcp::socket&& socket, TlsContext&... tls)
-        : stream_(std::move(socket), tls...), timer_(stream_.get_executor()), core_(core) {}
+        : stream_(std::move(socket), tls...), timer_(stream_.get_executor()), core_(core) {
+        core_.connections.opened();
+    }
+    ~HttpSession() { core_.connections.closed(); }
+    HttpSession(const HttpSession&) = delete;
+    HttpSession& operator=(const HttpSession&) = delete;
 
     // Starts the TLS handshake, if any, then reading; the session keeps itself alive
     // through its pending operations.
@@ -51,6 +58,8 @@ class HttpSession : public std::enable_shared_from_this<HttpSession<Stream>> {
     void finishPoll(HttpReply reply);
     void send(HttpReply reply, bool forceClose = false);
     void onWritten(boost::beast::error_code error, bool close);
+    void sendTrickled(boost::beast::http::response_header<> head, std::string body, bool close);
+    void trickleNext(bool close);
     void lingerThenClose();
     void drain(std::size_t drained);
     void closeConnection();
@@ -64,6 +73,8 @@ class HttpSession : public std::enable_shared_from_this<HttpSession<Stream>> {
     IncomingRequest request_;
     unsigned httpVersion_ = 11;
     bool keepAlive_ = true;
+    // Requests read on this connection, for ConnectionPolicy::maxRequestsPerConnection.
+    std::size_t requestsRead_ = 0;
 
     // The platform request being answered, for the dashboard's list of recent requests; an
     // answer or a close without one ends it.
@@ -77,6 +88,16 @@ class HttpSession : public std::enable_shared_from_this<HttpSession<Stream>> {
     std::string pollMailbox_;
 
     std::optional<boost::beast::http::response<boost::beast::http::string_body>> response_;
+
+    // A fault rule's trickle for the current request's answer (0: none), and the answer being
+    // trickled: its head, the body and how much of it went out.
+    int trickleChunkBytes_ = 0;
+    int trickleIntervalMs_ = 0;
+    std::optional<boost::beast::http::response<boost::beast::http::empty_body>> trickleHead_;
+    std::optional<boost::beast::http::response_serializer<boost::beast::http::empty_body>>
+        trickleSerializer_;
+    std::string trickleBody_;
+    std::size_t trickleSent_ = 0;
 };
 
 extern template class HttpSession<PlainStream>;

@@ -12,6 +12,13 @@
 // "CONNECT host:port" opens a tunnel: "200 Connection established", then bytes both ways
 // until either side closes. An origin that cannot be reached gets the client a 502.
 //
+// With requireBasicAuthentication() it wants "Proxy-Authorization: Basic base64(user:password)"
+// on every request, CONNECT included, as a corporate proxy does: a request without it or with
+// other credentials is answered "407 Proxy Authentication Required" with
+// "Proxy-Authenticate: Basic realm=..." and an HTML error page of about 4 KB (the body of a
+// plain request is read first), and the client connection stays open for the next request
+// unless the client asked to close it. The field is never passed on to the origin.
+//
 // Every client connection is served by a thread of its own. The destructor stops accepting,
 // ends every connection (tunnels too) and joins every thread.
 #pragma once
@@ -65,6 +72,22 @@ class ForwardProxy {
     // Connections opened to origins so far (for forwarded requests and tunnels). Any thread.
     std::size_t originConnectionCount() const;
 
+    // From now on, requests must carry "Proxy-Authorization: Basic base64(user + ":" +
+    // password)" (the scheme in any case); others get a 407 challenge naming `realm`. Any
+    // thread.
+    void requireBasicAuthentication(const std::string& user, const std::string& password,
+                                    const std::string& realm = "tolva-test-proxy");
+
+    // The value of the Proxy-Authorization field of every request that had one (CONNECT
+    // included), oldest first, whether or not authentication is required. Any thread.
+    std::vector<std::string> proxyAuthorizations() const;
+
+    // How many requests were answered 407. Any thread.
+    std::size_t authenticationChallengeCount() const;
+
+    // The HTML page a 407 answer carries (about 4 KB).
+    static const std::string& authenticationPage();
+
   private:
     struct Connection {
         std::thread thread;
@@ -89,6 +112,11 @@ class ForwardProxy {
     mutable std::mutex mutex_;
     std::vector<RequestLine> requestLines_;
     std::size_t originConnections_ = 0;
+    // Empty while no credentials are required; else "Basic" credentials expected and realm.
+    std::string expectedCredentials_;
+    std::string realm_;
+    std::vector<std::string> proxyAuthorizations_;
+    std::size_t challenges_ = 0;
 };
 
 }  // namespace TolvaTest

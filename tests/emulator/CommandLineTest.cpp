@@ -129,6 +129,25 @@ TEST(CommandLineTest, PrintsAConfigurationThatWorksAndStopsOnCtrlC) {
     EXPECT_EQ(0, binary.stopWith(SIGINT));
 }
 
+TEST(CommandLineTest, ConnectionOptionsSetThePolicy) {
+    RunningBinary binary({"--port", "0", "--idle-close-ms", "300", "--max-requests-per-connection",
+                          "4", "--close-unannounced"});
+    const std::string output = binary.readUntil("Press Ctrl-C", std::chrono::seconds(30));
+    const std::string marker = "listening on http://127.0.0.1:";
+    const auto at = output.find(marker);
+    ASSERT_NE(std::string::npos, at) << output;
+    const auto port = static_cast<unsigned short>(std::stoi(output.substr(at + marker.size())));
+
+    HttpTestClient client(port);
+    const auto connections =
+        nlohmann::json::parse(client.request("GET", "/_emulator/connections").body);
+    EXPECT_EQ(300, connections["idleCloseMs"]);
+    EXPECT_EQ(4, connections["maxRequestsPerConnection"]);
+    EXPECT_EQ(false, connections["announceClose"]);
+    EXPECT_EQ(1, connections["accepted"]);
+    EXPECT_EQ(0, binary.stopWith(SIGINT));
+}
+
 // One HTTPS request to 127.0.0.1:port trusting only caFile, with host-name checking.
 // Returns the status and body; throws boost::system::system_error when TLS fails.
 std::pair<unsigned, std::string> httpsRequest(unsigned short port, const std::string& caFile,
@@ -212,7 +231,10 @@ TEST(CommandLineTest, RejectsUnknownOptionsAndBadValues) {
                                                       {"--max-poll"},
                                                       {"--tls-cert", "cert.pem"},
                                                       {"--tls", "--tls-cert", "cert.pem"},
-                                                      {"--tls", "--tls-name"}}) {
+                                                      {"--tls", "--tls-name"},
+                                                      {"--idle-close-ms", "-1"},
+                                                      {"--idle-close-ms"},
+                                                      {"--max-requests-per-connection", "x"}}) {
         RunningBinary binary(arguments);
         const std::string output = binary.readUntil("Usage:", std::chrono::seconds(30));
         EXPECT_NE(std::string::npos, output.find("qxp-emulator: ")) << output;

@@ -92,6 +92,34 @@ TEST_F(ControlTest, FaultAnswersTheChosenStatusForTheNextNMatches) {
     EXPECT_EQ(4u, emulator->requests().size());
 }
 
+TEST_F(ControlTest, GatewayFaultsAnswer502And504AsAProxyDoes) {
+    qxpemu::FaultRule timeout;
+    timeout.pathPattern = "/notifications/api/v1/notifications/.*";
+    timeout.status = 504;
+    timeout.reason = "Gateway Time-out";
+    timeout.contentType = "text/html";
+    timeout.body = "<html><body><h1>504 Gateway Time-out</h1></body></html>";
+    emulator->addFault(timeout);
+    qxpemu::FaultRule badGateway;
+    badGateway.method = "POST";
+    badGateway.pathPattern = "/notifications/api/v1/notifications";
+    badGateway.status = 502;
+    badGateway.contentType = "";
+    emulator->addFault(badGateway);
+
+    const auto polled = poll(kMailboxA, 1);
+    EXPECT_EQ(504, polled.status);
+    EXPECT_EQ("Gateway Time-out", polled.reason);
+    EXPECT_EQ("text/html", polled.header("Content-Type"));
+    EXPECT_EQ(timeout.body, polled.body);
+    const auto posted = publish("t", "x");
+    EXPECT_EQ(502, posted.status);
+    EXPECT_EQ("Bad Gateway", posted.reason);
+    EXPECT_EQ("", posted.body);
+    EXPECT_EQ("", posted.header("Content-Type"));
+    EXPECT_EQ("0", posted.header("Content-Length"));
+}
+
 TEST_F(ControlTest, FaultWithoutLimitAppliesToEveryMatchUntilCleared) {
     qxpemu::FaultRule rule;
     rule.pathPattern = "/identity/connect/token";

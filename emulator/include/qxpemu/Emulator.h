@@ -21,6 +21,8 @@
 #include <vector>
 
 #include <qxpemu/ClientCredentials.h>
+#include <qxpemu/ConnectionCounts.h>
+#include <qxpemu/ConnectionPolicy.h>
 #include <qxpemu/EmulatorOptions.h>
 #include <qxpemu/FaultRule.h>
 #include <qxpemu/RecordedRequest.h>
@@ -97,11 +99,20 @@ class Emulator {
 
     // Appends a fault rule (see FaultRule for how rules apply). Throws
     // std::invalid_argument when pathPattern is not a valid ECMAScript regex, times is 0 or
-    // below -1, status is neither 0 nor 200..999, or delayMs is negative.
+    // below -1, status is neither 0 nor 200..999, or delayMs, trickleChunkBytes or
+    // trickleIntervalMs is negative.
     void addFault(const FaultRule& rule);
 
     // Removes every fault rule.
     void clearFaults();
+
+    // Replaces the connection policy (see ConnectionPolicy); connections already waiting for a
+    // request keep their idle deadline. Throws std::invalid_argument for a negative value.
+    void setConnectionPolicy(const ConnectionPolicy& policy);
+    ConnectionPolicy connectionPolicy() const;
+
+    // Connections accepted, open, and closed for idleness or after their request limit.
+    ConnectionCounts connectionCounts() const;
 
     // Lifetime of tokens issued from now on (see EmulatorOptions::tokenLifetimeSeconds).
     void setTokenLifetime(int seconds);
@@ -111,7 +122,8 @@ class Emulator {
     void rotateKey();
 
     // Back to a fresh state: no mailboxes, services, records or fault rules; token lifetime
-    // as in the options; retired keys dropped (the current signing key stays).
+    // and connection policy as in the options; connection counts zero (but `open`); retired
+    // keys dropped (the current signing key stays).
     void reset();
 
     // A valid access token for a known client, signed with the current key, exactly as the
@@ -122,7 +134,8 @@ class Emulator {
     std::string keySet() const;
 
     // The control interface's state document (GET "/_emulator/state"): mailboxes with
-    // subscriptions and queue depths, services with heartbeat ages and health, keys.
+    // subscriptions and queue depths, services with heartbeat ages and health, keys, and the
+    // connection policy with the connection counts.
     std::string state() const;
 
   private:

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <qxpemu/ClientCredentials.h>
+#include <qxpemu/ConnectionPolicy.h>
 
 namespace qxpemu {
 
@@ -42,6 +43,12 @@ struct EmulatorOptions {
     std::size_t maxQueuedPerMailbox = 10000;
     // Recorded requests kept; when full the oldest record is dropped.
     std::size_t maxRecordedRequests = 100000;
+
+    // --- Connections ---
+    // Idle close and a request limit per connection, as a reverse proxy in front of the
+    // platform has them (see ConnectionPolicy); off by default. Emulator::reset() goes back
+    // to these.
+    ConnectionPolicy connections;
 
     // --- HTTPS ---
     // Serve HTTPS (TLS 1.2 or later) instead of HTTP on the port: platform, control
