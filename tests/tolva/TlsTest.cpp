@@ -10,6 +10,7 @@
 #include "ModelTestSupport.h"
 
 #include <TolvaCore/QxPlatformNotifier.h>
+#include <TolvaCore/RequestFailure.h>
 #include <TolvaCore/WebUtils.h>
 
 #include <ZuCore/InvalidArgumentException.h>
@@ -263,6 +264,10 @@ TEST_F(TlsTest, AnUntrustedCertificateFailsBeforeAnythingIsSent) {
         ADD_FAILURE() << "the post went through";
     } catch (const std::runtime_error& e) {
         EXPECT_EQ(std::string(e.what()), narrow(reason));
+        // Of the kind TLS.
+        const auto* failure = dynamic_cast<const Varkel::Tolva::Rest::RequestFailure*>(&e);
+        ASSERT_NE(failure, nullptr);
+        EXPECT_EQ(failure->kind(), Varkel::Tolva::Rest::RequestFailure::Kind::Tls);
     }
     EXPECT_TRUE(emulator_.requests().empty());
 }
