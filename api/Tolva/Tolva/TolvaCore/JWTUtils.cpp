@@ -205,6 +205,20 @@ struct LastCertificate {
 };
 thread_local LastCertificate lastCertificate;
 
+// The members of the header text last read on this thread: an issuer's tokens share one
+// header, so most verifications skip decoding and parsing it. Kept only when the header was
+// read through to its "kid" and "typ" (a header that fails to read is read again each time, so
+// it fails the same way).
+struct LastHeader {
+    std::string segment;
+    std::string kid;
+    std::string typ;
+    bool hasAlg = false;
+    std::string alg;
+    bool complete = false;
+};
+thread_local LastHeader lastHeader;
+
 struct X509Deleter {
     void operator()(X509* certificate) const { X509_free(certificate); }
 };
@@ -342,12 +356,24 @@ VerificationResult JWTUtils::verifyToken(const value& jwks, const std::wstring& 
                           false);
         }
 
-        const value header = parseSegment(parts[0]);
-        if (!header.has_field("kid") || !header.has_field("typ")) {
-            return refuse(InvalidToken, L"Missing kid or typ items in JWT header.");
+        if (!lastHeader.complete || lastHeader.segment != parts[0]) {
+            const value header = parseSegment(parts[0]);
+            if (!header.has_field("kid") || !header.has_field("typ")) {
+                return refuse(InvalidToken, L"Missing kid or typ items in JWT header.");
+            }
+            LastHeader read;
+            read.kid = throughWideText(header.at("kid").as_string());
+            read.typ = throughWideText(header.at("typ").as_string());
+            read.hasAlg = header.has_string_field("alg");
+            if (read.hasAlg) {
+                read.alg = header.at("alg").as_string();
+            }
+            read.segment = parts[0];
+            read.complete = true;
+            lastHeader = std::move(read);
         }
-        const std::string kid = throughWideText(header.at("kid").as_string());
-        const std::string typ = throughWideText(header.at("typ").as_string());
+        const std::string& kid = lastHeader.kid;
+        const std::string& typ = lastHeader.typ;
         JwsSignature::Algorithm algorithm = JwsSignature::Algorithm::RS256;
         if (!rfc9068) {
             if (typ != "JWT") {
@@ -357,9 +383,8 @@ VerificationResult JWTUtils::verifyToken(const value& jwks, const std::wstring& 
             if (!isAccessTokenType(typ)) {
                 return refuse(InvalidToken, L"Token type is not 'JWT' or 'at+jwt'.");
             }
-            algorithm = header.has_string_field("alg")
-                            ? JwsSignature::algorithmNamed(header.at("alg").as_string())
-                            : JwsSignature::Algorithm::None;
+            algorithm = lastHeader.hasAlg ? JwsSignature::algorithmNamed(lastHeader.alg)
+                                          : JwsSignature::Algorithm::None;
             if (algorithm == JwsSignature::Algorithm::None) {
                 return refuse(InvalidToken,
                               L"Token algorithm is not one of RS256, PS256 and ES256.");
@@ -485,6 +510,9 @@ VerificationResult JWTUtils::verifyToken(const value& jwks, const std::wstring& 
         if (EVP_VerifyInit(context.get(), EVP_sha256()) == 0) {
             return refuse(VerificationFailed, L"EVP_VerifyInit failed.");
         }
+        // The context ends with this verification: EVP_VerifyFinal may finish it in place
+        // instead of on a copy. (Set after the initialisation, which clears it.)
+        EVP_MD_CTX_set_flags(context.get(), EVP_MD_CTX_FLAG_FINALISE);
         if (EVP_VerifyUpdate(context.get(), signedText.data(), signedText.size()) == 0) {
             return refuse(VerificationFailed, L"EVP_VerifyUpdate failed.");
         }
