@@ -58,12 +58,13 @@ enum VerificationResult : std::int32_t {
 /// Tokens and claims are never logged. The verify overload with a `reason` also hands the
 /// failure's text to the caller, including for the two cases without a line.
 ///
-/// Thread safety: verify and findKey keep their state on the stack, so one JWTUtils may serve
-/// any number of threads at once; the setters (profile, issuer, audience) are meant for
-/// before the object is shared, and must not run while another thread verifies with it. The public
-/// keys of the certificates seen are kept in a process-wide, bounded cache keyed by the certificate
-/// text, so a certificate is parsed once however many tokens it verifies; a certificate that fails
-/// to parse is never kept, and a new key set simply brings new texts.
+/// Thread safety: one JWTUtils may serve any number of threads at once: verify and findKey
+/// keep their state on the stack, and the verified tokens kept (below) sit behind a lock of
+/// their own, held for a table lookup or insertion only; the setters (profile, issuer, audience)
+/// are meant for before the object is shared, and must not run while another thread verifies with
+/// it. The public keys of the certificates seen are kept in a process-wide, bounded cache keyed by
+/// the certificate text, so a certificate is parsed once however many tokens it verifies; a
+/// certificate that fails to parse is never kept, and a new key set simply brings new texts.
 ///
 /// Verified tokens are remembered, so that a token verified again (a service checking the
 /// bearer token of every request) costs a digest and a table lookup instead of a signature
@@ -75,7 +76,9 @@ enum VerificationResult : std::int32_t {
 /// used goes first), and all of them were verified against the same key set and settings:
 /// verifying against a key set that differs in anything (a rotated key, a removed key) or after
 /// a setter changed the rules drops them all first. One object, shared by the threads that
-/// verify, keeps one table for all of them; copies share it too.
+/// verify, keeps one table for all of them; copies share it too. Verifying with one object
+/// against two key sets in turn drops the table at every switch (the results stay right, the
+/// speed is that of full verifications): use one object per key set.
 class TOLVA_EXPORT JWTUtils {
   public:
     /// Made through Varkel::Zu::MakeShared::create<JWTUtils>(). The profile comes from
@@ -84,9 +87,10 @@ class TOLVA_EXPORT JWTUtils {
     /// Throws std::bad_alloc when libcrypto cannot make its digest context.
     explicit JWTUtils(Varkel::Zu::PrivateConstructorType);
     virtual ~JWTUtils();
-    /// A copy shares the digest context and has the same profile, issuer and audience.
+    /// A copy shares the digest context and the verified tokens kept, and has the same
+    /// profile, issuer and audience.
     JWTUtils(const JWTUtils& other);
-    /// Shares the other's digest context.
+    /// Shares the other's digest context and verified tokens kept.
     JWTUtils& operator=(const JWTUtils& other);
 
     /// Verifies `token` against the key set `jwks` at the time `now` (seconds since the Unix
