@@ -4,9 +4,14 @@
 // - JWTUtils::verify (header and payload decoded and parsed, key looked up, certificate
 //   public key from its cache);
 // - JWTUtils::verify under the RFC 9068 profile: the same token and key set, and an at+jwt
-//   access token with the claims that profile checks against a key without a certificate.
+//   access token with the claims that profile checks against a key without a certificate;
+// - JWTUtils::verify of a token seen for the first time (a new token each call, from a pool
+//   larger than any cache of verified tokens) and of the same token again, against a key set
+//   of 1 and of 10 keys (the signing key last).
 //
-//   jwt_bench [--seconds S]
+//   jwt_bench [--seconds S] [--only TEXT]
+//
+// --only runs the rows whose name contains TEXT, and the raw OpenSSL ceiling.
 //
 // Prints a Markdown table.
 #include "JwtTestSigner.h"
@@ -85,9 +90,12 @@ bool rawVerify(EVP_PKEY* key, const std::string& signedText, const std::string& 
 
 int main(int argc, char** argv) {
     double seconds = 3;
+    std::string only;
     for (int i = 1; i + 1 < argc; i += 2) {
         if (std::string(argv[i]) == "--seconds") {
             seconds = std::atof(argv[i + 1]);
+        } else if (std::string(argv[i]) == "--only") {
+            only = argv[i + 1];
         }
     }
     Varkel::Zu::Logger::setStderrEnabled(false);
@@ -145,14 +153,58 @@ int main(int argc, char** argv) {
         return profiled->verify(parameterKeySet, accessToken, claims, 1800000000) ==
                Varkel::Tolva::Verified;
     };
+    // Tokens told apart by their "jti", all signed with the last key of either key set.
+    constexpr std::size_t kDistinctTokens = 2500;
+    std::vector<std::wstring> distinct;
+    distinct.reserve(kDistinctTokens);
+    for (std::size_t i = 0; i < kDistinctTokens; ++i) {
+        distinct.push_back(Varkel::Zu::widen(
+            signer.token(R"({"alg":"RS256","kid":"k9","typ":"JWT"})",
+                         R"({"acc":"acc-bench","sub":"svc","scope":"platform cluster","jti":"t-)" +
+                             std::to_string(i) + R"(","iat":1800000000,"exp":4000000000})")));
+    }
+    const auto oneKey = TolvaRestTest::JwtTestSigner::keySet({signer.key("k9")});
+    std::vector<web::json::value> tenKeys;
+    for (int i = 0; i < 10; ++i) {
+        tenKeys.push_back(signer.key("k" + std::to_string(i)));
+    }
+    const auto tenKeySet = TolvaRestTest::JwtTestSigner::keySet(tenKeys);
+    std::atomic<std::size_t> nextToken{0};
+    const auto firstVerification = [&](const web::json::value& set) {
+        return std::function<bool()>([&] {
+            web::json::value claims;
+            const std::size_t i = nextToken.fetch_add(1, std::memory_order_relaxed);
+            return verifier->verify(set, distinct[i % kDistinctTokens], claims, 1800000000) ==
+                   Varkel::Tolva::Verified;
+        });
+    };
+    const auto repeatedVerification = [&](const web::json::value& set) {
+        return std::function<bool()>([&] {
+            web::json::value claims;
+            return verifier->verify(set, distinct[0], claims, 1800000000) ==
+                   Varkel::Tolva::Verified;
+        });
+    };
+    const std::function<bool()> firstOne = firstVerification(oneKey);
+    const std::function<bool()> againOne = repeatedVerification(oneKey);
+    const std::function<bool()> firstTen = firstVerification(tenKeySet);
+    const std::function<bool()> againTen = repeatedVerification(tenKeySet);
+
     const std::pair<const char*, const std::function<bool()>*> rows[] = {
         {"raw OpenSSL, key parsed once", &raw},
         {"raw OpenSSL, certificate parsed every time", &rawParsing},
         {"JWTUtils::verify", &library},
         {"JWTUtils::verify, rfc9068 profile, same token", &profile},
         {"JWTUtils::verify, default, the at+jwt claims as a JWT", &librarySameClaims},
-        {"JWTUtils::verify, rfc9068 profile, at+jwt with n/e key", &profileAccess}};
+        {"JWTUtils::verify, rfc9068 profile, at+jwt with n/e key", &profileAccess},
+        {"JWTUtils::verify, first verification, 1 key", &firstOne},
+        {"JWTUtils::verify, same token again, 1 key", &againOne},
+        {"JWTUtils::verify, first verification, 10 keys", &firstTen},
+        {"JWTUtils::verify, same token again, 10 keys", &againTen}};
     for (const auto& row : rows) {
+        if (row.second != &raw && std::string(row.first).find(only) == std::string::npos) {
+            continue;
+        }
         const double one = rate(1, seconds, *row.second);
         const double two = rate(2, seconds, *row.second);
         std::printf("| %s | %.0f | %.0f |\n", row.first, one, two);

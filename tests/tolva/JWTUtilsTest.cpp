@@ -22,6 +22,7 @@
 namespace TolvaRestTest {
 namespace {
 
+using Varkel::Tolva::JwtProfile;
 using Varkel::Tolva::JWTUtils;
 using Varkel::Tolva::VerificationResult;
 using Varkel::Zu::narrow;
@@ -569,6 +570,264 @@ TEST_F(JWTUtilsProfileTest, ReasonsAreGivenForEveryRefusalByDefault) {
                                 claims, kNow, reason),
               Varkel::Tolva::Verified);
     EXPECT_TRUE(reason.empty());
+}
+
+// --- Tokens kept once verified ------------------------------------------------------------
+
+// One verification as a caller sees it: result, claims, reason and the lines logged (with the
+// source line that wrote each).
+struct Outcome {
+    VerificationResult result;
+    value claims;
+    std::wstring reason;
+    std::vector<std::pair<std::wstring, int>> lines;
+};
+
+Outcome outcomeOf(JWTUtils& verifier, const value& keySet, const std::string& token,
+                  std::int64_t now) {
+    const LogRecords records;
+    Outcome outcome{};
+    outcome.result = verifier.verify(keySet, widen(token), outcome.claims, now, outcome.reason);
+    for (const auto& record : records.records()) {
+        if (record.logger == "TolvaCore.JWTUtils") {
+            outcome.lines.emplace_back(record.message, record.line);
+        }
+    }
+    return outcome;
+}
+
+void expectSameOutcome(const Outcome& kept, const Outcome& full) {
+    EXPECT_EQ(kept.result, full.result);
+    EXPECT_EQ(kept.claims, full.claims);
+    EXPECT_EQ(kept.reason, full.reason);
+    // A token that cannot be read is logged at most once a second, whichever verifier reads
+    // it: two such verifications in a row write one line between them.
+    if (kept.reason.rfind(L"The token or the key set cannot be read", 0) != 0) {
+        EXPECT_EQ(kept.lines, full.lines);
+    }
+}
+
+class JWTUtilsCacheTest : public JWTUtilsTest {
+  protected:
+    // What a verifier that has never seen the token makes of it.
+    static Outcome fullVerification(const value& keySet, const std::string& token, std::int64_t now,
+                                    JwtProfile profile = JwtProfile::Platform) {
+        const auto fresh = Varkel::Zu::MakeShared::create<JWTUtils>();
+        fresh->setProfile(profile);
+        return outcomeOf(*fresh, keySet, token, now);
+    }
+
+    // A second key pair: a key set that no longer carries the first signer's certificate.
+    static const JwtTestSigner& otherSigner() {
+        static const JwtTestSigner shared;
+        return shared;
+    }
+};
+
+TEST_F(JWTUtilsCacheTest, ATokenVerifiedAgainGivesTheSameResultClaimsAndLines) {
+    const auto keySet = JwtTestSigner::keySet({signer().key("k1")});
+    const std::string token = signer().token(kHeader, payloadWithExp(kNow + 60));
+    const Outcome first = outcomeOf(*verifier_, keySet, token, kNow);
+    EXPECT_EQ(first.result, Varkel::Tolva::Verified);
+    EXPECT_EQ(verifier_->cachedTokenCount(), 1u);
+    const Outcome again = outcomeOf(*verifier_, keySet, token, kNow);
+    expectSameOutcome(again, first);
+    EXPECT_EQ(again.claims.at("acc").as_string(), "acc-1");
+    EXPECT_TRUE(again.lines.empty());
+    // Found, not added again.
+    EXPECT_EQ(verifier_->cachedTokenCount(), 1u);
+    // A key set equal in content (another object) finds it too.
+    const auto sameKeySet = JwtTestSigner::keySet({signer().key("k1")});
+    expectSameOutcome(outcomeOf(*verifier_, sameKeySet, token, kNow), first);
+    EXPECT_EQ(verifier_->cachedTokenCount(), 1u);
+}
+
+TEST_F(JWTUtilsCacheTest, OnlyVerifiedTokensAreKept) {
+    const auto keySet = JwtTestSigner::keySet({signer().key("k1")});
+    value claims;
+    EXPECT_EQ(verify(signer().token(kHeader, payloadWithExp(kNow - 1)), claims),
+              Varkel::Tolva::TokenExpired);
+    EXPECT_EQ(
+        verify(signer().token(R"({"alg":"RS256","kid":"k2","typ":"JWT"})", payloadWithExp(kNow)),
+               claims),
+        Varkel::Tolva::KeyNotFound);
+    EXPECT_EQ(verify("a.b", claims), Varkel::Tolva::InvalidToken);
+    EXPECT_EQ(verifier_->cachedTokenCount(), 0u);
+}
+
+TEST_F(JWTUtilsCacheTest, ATokenThatExpiresWhileKeptIsRefusedAsExpired) {
+    const auto keySet = JwtTestSigner::keySet({signer().key("k1")});
+    const std::string token = signer().token(kHeader, payloadWithExp(kNow + 60));
+    ASSERT_EQ(outcomeOf(*verifier_, keySet, token, kNow).result, Varkel::Tolva::Verified);
+    // Still valid in the second of its "exp".
+    EXPECT_EQ(outcomeOf(*verifier_, keySet, token, kNow + 60).result, Varkel::Tolva::Verified);
+    const Outcome expired = outcomeOf(*verifier_, keySet, token, kNow + 61);
+    EXPECT_EQ(expired.result, Varkel::Tolva::TokenExpired);
+    EXPECT_EQ(expired.reason, L"Token expired.");
+    EXPECT_EQ(expired.claims.at("acc").as_string(), "acc-1");
+    expectSameOutcome(expired, fullVerification(keySet, token, kNow + 61));
+
+    // The clock overload checks a kept token against the system clock.
+    const std::int64_t clockNow = std::chrono::duration_cast<std::chrono::seconds>(
+                                      std::chrono::system_clock::now().time_since_epoch())
+                                      .count();
+    const std::string past = signer().token(kHeader, payloadWithExp(clockNow - 10));
+    ASSERT_EQ(outcomeOf(*verifier_, keySet, past, clockNow - 20).result, Varkel::Tolva::Verified);
+    value claims;
+    EXPECT_EQ(verifier_->verify(keySet, widen(past), claims), Varkel::Tolva::TokenExpired);
+}
+
+TEST_F(JWTUtilsCacheTest, TheTimeBoundClaimsOfTheProfileAreCheckedOnEveryHit) {
+    verifier_->setProfile(JwtProfile::Rfc9068);
+    const auto keySet = JwtTestSigner::keySet({signer().rsaKey("k1")});
+    const std::string token =
+        signer().token(kAccessHeader, accessClaims({{"nbf", value::number(kNow)}}));
+    ASSERT_EQ(outcomeOf(*verifier_, keySet, token, kNow).result, Varkel::Tolva::Verified);
+    ASSERT_EQ(verifier_->cachedTokenCount(), 1u);
+    const Outcome early = outcomeOf(*verifier_, keySet, token, kNow - 1);
+    EXPECT_EQ(early.result, Varkel::Tolva::InvalidToken);
+    expectSameOutcome(early, fullVerification(keySet, token, kNow - 1, JwtProfile::Rfc9068));
+    const Outcome late = outcomeOf(*verifier_, keySet, token, kNow + 61);
+    EXPECT_EQ(late.result, Varkel::Tolva::TokenExpired);
+    expectSameOutcome(late, fullVerification(keySet, token, kNow + 61, JwtProfile::Rfc9068));
+}
+
+TEST_F(JWTUtilsCacheTest, AKeySetChangeDropsTheKeptTokens) {
+    const auto before = JwtTestSigner::keySet({signer().key("k1")});
+    const std::string token = signer().token(kHeader, payloadWithExp(kNow + 60));
+    ASSERT_EQ(outcomeOf(*verifier_, before, token, kNow).result, Varkel::Tolva::Verified);
+    ASSERT_EQ(verifier_->cachedTokenCount(), 1u);
+
+    // The signing key removed: the token's kid is unknown now.
+    const auto removed = JwtTestSigner::keySet({otherSigner().key("k2")});
+    const Outcome afterRemoval = outcomeOf(*verifier_, removed, token, kNow);
+    EXPECT_EQ(afterRemoval.result, Varkel::Tolva::KeyNotFound);
+    expectSameOutcome(afterRemoval, fullVerification(removed, token, kNow));
+    EXPECT_EQ(verifier_->cachedTokenCount(), 0u);
+
+    // Verified again, then the kid rotated to another certificate: the signature no longer
+    // verifies.
+    ASSERT_EQ(outcomeOf(*verifier_, before, token, kNow).result, Varkel::Tolva::Verified);
+    const auto rotated = JwtTestSigner::keySet({otherSigner().key("k1")});
+    const Outcome afterRotation = outcomeOf(*verifier_, rotated, token, kNow);
+    EXPECT_EQ(afterRotation.result, Varkel::Tolva::VerificationFailed);
+    expectSameOutcome(afterRotation, fullVerification(rotated, token, kNow));
+    EXPECT_EQ(verifier_->cachedTokenCount(), 0u);
+
+    // Any difference counts, even in a key the token does not use.
+    ASSERT_EQ(outcomeOf(*verifier_, before, token, kNow).result, Varkel::Tolva::Verified);
+    const auto grown = JwtTestSigner::keySet({signer().key("k1"), otherSigner().key("k2")});
+    EXPECT_EQ(outcomeOf(*verifier_, grown, token, kNow).result, Varkel::Tolva::Verified);
+    EXPECT_EQ(verifier_->cachedTokenCount(), 1u);
+    const Outcome backAgain = outcomeOf(*verifier_, removed, token, kNow);
+    EXPECT_EQ(backAgain.result, Varkel::Tolva::KeyNotFound);
+}
+
+TEST_F(JWTUtilsCacheTest, AChangedSettingDropsTheKeptTokens) {
+    verifier_->setProfile(JwtProfile::Rfc9068);
+    const auto keySet = JwtTestSigner::keySet({signer().rsaKey("k1")});
+    const std::string token = signer().token(kAccessHeader, accessClaims());
+    ASSERT_EQ(outcomeOf(*verifier_, keySet, token, kNow).result, Varkel::Tolva::Verified);
+    verifier_->setExpectedAudience(L"elsewhere");
+    EXPECT_EQ(outcomeOf(*verifier_, keySet, token, kNow).reason,
+              L"Token audience does not include the expected audience.");
+    verifier_->setExpectedAudience(L"");
+    ASSERT_EQ(outcomeOf(*verifier_, keySet, token, kNow).result, Varkel::Tolva::Verified);
+    // The default profile wants a certificate in the key.
+    verifier_->setProfile(JwtProfile::Platform);
+    const Outcome platform = outcomeOf(*verifier_, keySet, token, kNow);
+    EXPECT_EQ(platform.result, Varkel::Tolva::InvalidToken);
+    expectSameOutcome(platform, fullVerification(keySet, token, kNow));
+}
+
+TEST_F(JWTUtilsCacheTest, ATokenChangedInAnyByteIsNeverTakenForTheKeptOne) {
+    const auto keySet = JwtTestSigner::keySet({signer().key("k1")});
+    const std::string token = signer().token(kHeader, payloadWithExp(kNow + 60));
+    ASSERT_EQ(outcomeOf(*verifier_, keySet, token, kNow).result, Varkel::Tolva::Verified);
+    const std::size_t signatureStart = token.rfind('.') + 1;
+    for (std::size_t i = 0; i < token.size(); ++i) {
+        std::string tampered = token;
+        tampered[i] = tampered[i] == 'A' ? 'B' : 'A';
+        const Outcome kept = outcomeOf(*verifier_, keySet, tampered, kNow);
+        expectSameOutcome(kept, fullVerification(keySet, tampered, kNow));
+        // Within the signed text or the signature's leading characters a change always
+        // breaks the signature; the last character of the signature carries bits Base64
+        // decoding may drop.
+        if (i + 1 < token.size() || i < signatureStart) {
+            EXPECT_NE(kept.result, Varkel::Tolva::Verified) << "byte " << i;
+        }
+    }
+}
+
+TEST_F(JWTUtilsCacheTest, TheKeptTokensStayWithinTheBound) {
+    const auto keySet = JwtTestSigner::keySet({signer().key("k1")});
+    constexpr std::size_t kBound = 1024;
+    std::vector<std::string> tokens;
+    for (std::size_t i = 0; i <= kBound; ++i) {
+        tokens.push_back(signer().token(kHeader, R"({"acc":"acc-1","jti":")" + std::to_string(i) +
+                                                     R"(","exp":)" + std::to_string(kNow + 60) +
+                                                     "}"));
+    }
+    value claims;
+    for (std::size_t i = 0; i < kBound; ++i) {
+        ASSERT_EQ(verifier_->verify(keySet, widen(tokens[i]), claims, kNow),
+                  Varkel::Tolva::Verified);
+    }
+    EXPECT_EQ(verifier_->cachedTokenCount(), kBound);
+    ASSERT_EQ(verifier_->verify(keySet, widen(tokens[kBound]), claims, kNow),
+              Varkel::Tolva::Verified);
+    EXPECT_EQ(verifier_->cachedTokenCount(), kBound);
+    // Every token still verifies, kept or not.
+    for (const auto& token : tokens) {
+        EXPECT_EQ(verifier_->verify(keySet, widen(token), claims, kNow), Varkel::Tolva::Verified);
+    }
+    EXPECT_EQ(verifier_->cachedTokenCount(), kBound);
+}
+
+TEST_F(JWTUtilsCacheTest, ACopySharesTheKeptTokens) {
+    const auto keySet = JwtTestSigner::keySet({signer().key("k1")});
+    value claims;
+    ASSERT_EQ(verify(signer().token(kHeader, payloadWithExp(kNow)), claims),
+              Varkel::Tolva::Verified);
+    const JWTUtils copy(*verifier_);
+    EXPECT_EQ(copy.cachedTokenCount(), 1u);
+}
+
+TEST_F(JWTUtilsCacheTest, ThreadsVerifyTheSameTokensWhileTheKeySetChanges) {
+    const auto keySet = JwtTestSigner::keySet({signer().key("k1")});
+    const auto withoutTheKey = JwtTestSigner::keySet({otherSigner().key("k1")});
+    std::vector<std::string> tokens;
+    for (int i = 0; i < 4; ++i) {
+        tokens.push_back(signer().token(kHeader, payloadWithExp(kNow + i)));
+    }
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 200; ++i) {
+                value claims;
+                const std::string& token = tokens[static_cast<std::size_t>(i) % tokens.size()];
+                // One thread keeps presenting a key set in which the token's kid has another
+                // certificate: it must never see a token verified for the other threads.
+                const bool rotated = t == 3 && i % 2 == 0;
+                const auto result = verifier_->verify(rotated ? withoutTheKey : keySet,
+                                                      widen(token), claims, kNow + 2);
+                const bool expired = static_cast<std::size_t>(i) % tokens.size() < 2;
+                const VerificationResult expected =
+                    rotated ? (expired ? Varkel::Tolva::TokenExpired
+                                       : Varkel::Tolva::VerificationFailed)
+                            : (expired ? Varkel::Tolva::TokenExpired : Varkel::Tolva::Verified);
+                if (result != expected || (!expired && claims.at("exp").as_integer() == 0)) {
+                    ++wrong;
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(wrong.load(), 0);
+    EXPECT_LE(verifier_->cachedTokenCount(), tokens.size());
 }
 
 class PlatformTokenTest : public RestTest {};

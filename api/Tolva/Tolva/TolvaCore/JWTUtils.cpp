@@ -3,6 +3,7 @@
 #include "private/JsonNumbers.h"
 #include "private/JwsSignature.h"
 #include "private/PublicKeyCache.h"
+#include "private/VerifiedTokenCache.h"
 
 #include <ZuCore/Base64.h>
 #include <ZuCore/Env.h>
@@ -14,9 +15,7 @@
 #include <vector>
 
 #include <openssl/x509.h>
-#include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/predicate.hpp>
-#include <boost/algorithm/string/split.hpp>
 
 namespace Varkel {
 namespace Tolva {
@@ -52,8 +51,19 @@ value parseSegment(const std::string& segment) {
     return value::parse(throughWideText(bytes->toString()));
 }
 
-// The last key of jwks["keys"] that is a signing key with this kid, or null. With
-// `useMayBeAbsent`, a key without "use" counts as a signing key too.
+// The "kid" of a key set element that counts as a signing key, or null. With `useMayBeAbsent`,
+// a key without "use" counts as a signing key too.
+const std::string* signingKid(const value& candidate, bool useMayBeAbsent) {
+    if (!candidate.has_string_field("kid")) {
+        return nullptr;
+    }
+    const bool signing = candidate.has_string_field("use")
+                             ? candidate.at("use").as_string() == "sig"
+                             : useMayBeAbsent && !candidate.has_field("use");
+    return signing ? &candidate.at("kid").as_string() : nullptr;
+}
+
+// The last key of jwks["keys"] that is a signing key with this kid, or null.
 const value* findSigningKey(const std::string& kid, const value& jwks, bool useMayBeAbsent) {
     if (!jwks.is_object() || !jwks.has_array_field("keys")) {
         return nullptr;
@@ -61,19 +71,73 @@ const value* findSigningKey(const std::string& kid, const value& jwks, bool useM
     const std::wstring wantedKid = widen(kid);
     const value* found = nullptr;
     for (const value& candidate : jwks.at("keys").as_array()) {
-        if (!candidate.has_string_field("kid")) {
-            continue;
-        }
-        const bool signing = candidate.has_string_field("use")
-                                 ? candidate.at("use").as_string() == "sig"
-                                 : useMayBeAbsent && !candidate.has_field("use");
-        const std::string& candidateKid = candidate.at("kid").as_string();
-        if (signing && (isAscii(candidateKid) && isAscii(kid) ? candidateKid == kid
-                                                              : widen(candidateKid) == wantedKid)) {
+        const std::string* candidateKid = signingKid(candidate, useMayBeAbsent);
+        if (candidateKid != nullptr &&
+            (isAscii(*candidateKid) && isAscii(kid) ? *candidateKid == kid
+                                                    : widen(*candidateKid) == wantedKid)) {
             found = &candidate;
         }
     }
     return found;
+}
+
+// The signing keys of a key set by "kid", the last of each kid winning as in findSigningKey;
+// left unindexed when a signing key's kid is not ASCII.
+void indexSigningKeys(VerifiedTokenCache::Context& context) {
+    const value& jwks = context.keySet;
+    context.signingKeysIndexed = true;
+    if (!jwks.is_object() || !jwks.has_array_field("keys")) {
+        return;
+    }
+    const bool useMayBeAbsent = context.profile == JwtProfile::Rfc9068;
+    for (const value& candidate : jwks.at("keys").as_array()) {
+        const std::string* kid = signingKid(candidate, useMayBeAbsent);
+        if (kid == nullptr) {
+            continue;
+        }
+        if (!isAscii(*kid)) {
+            context.signingKeys.clear();
+            context.signingKeysIndexed = false;
+            return;
+        }
+        context.signingKeys[*kid] = &candidate;
+    }
+}
+
+// The signing key with this kid: from the context's index when it has one, else by walking the
+// key set.
+const value* findSigningKey(const std::string& kid, const value& jwks, bool useMayBeAbsent,
+                            const VerifiedTokenCache::Context* context) {
+    if (context != nullptr && context->signingKeysIndexed && isAscii(kid)) {
+        const auto found = context->signingKeys.find(kid);
+        return found == context->signingKeys.end() ? nullptr : found->second;
+    }
+    return findSigningKey(kid, jwks, useMayBeAbsent);
+}
+
+// Text without the round trip through wide text when it is ASCII (every real token).
+std::string narrowText(const std::wstring& text) {
+    for (const wchar_t c : text) {
+        if (static_cast<std::make_unsigned_t<wchar_t>>(c) >= 0x80) {
+            return narrow(text);
+        }
+    }
+    return std::string(text.begin(), text.end());
+}
+
+// The parts of a token between its "."s, empty ones included.
+std::vector<std::string> tokenParts(const std::string& token) {
+    std::vector<std::string> parts;
+    std::size_t start = 0;
+    for (;;) {
+        const std::size_t dot = token.find('.', start);
+        if (dot == std::string::npos) {
+            parts.emplace_back(token, start);
+            return parts;
+        }
+        parts.emplace_back(token, start, dot - start);
+        start = dot + 1;
+    }
 }
 
 // "typ" values of the RFC 9068 profile: the platform's "JWT" and the access-token media type,
@@ -136,9 +200,24 @@ std::string environmentText(const wchar_t* name) {
 // verifies most tokens against the same certificate, and this skips even the shared cache.
 struct LastCertificate {
     std::string text;
+    bool ascii = false;
     std::shared_ptr<EVP_PKEY> key;
 };
 thread_local LastCertificate lastCertificate;
+
+// The members of the header text last read on this thread: an issuer's tokens share one
+// header, so most verifications skip decoding and parsing it. Kept only when the header was
+// read through to its "kid" and "typ" (a header that fails to read is read again each time, so
+// it fails the same way).
+struct LastHeader {
+    std::string segment;
+    std::string kid;
+    std::string typ;
+    bool hasAlg = false;
+    std::string alg;
+    bool complete = false;
+};
+thread_local LastHeader lastHeader;
 
 struct X509Deleter {
     void operator()(X509* certificate) const { X509_free(certificate); }
@@ -153,8 +232,8 @@ JWTUtils::JWTUtils(Varkel::Zu::PrivateConstructorType)
     : profile_(jwtProfileFromEnvironment()),
       expectedIssuer_(environmentText(L"TOLVA_JWT_ISSUER")),
       expectedAudience_(environmentText(L"TOLVA_JWT_AUDIENCE")),
-      digestContext_(EVP_MD_CTX_create(),
-                     [](EVP_MD_CTX* context) { EVP_MD_CTX_destroy(context); }) {
+      digestContext_(EVP_MD_CTX_create(), [](EVP_MD_CTX* context) { EVP_MD_CTX_destroy(context); }),
+      verifiedTokens_(std::make_shared<VerifiedTokenCache>()) {
     if (!digestContext_) {
         throw std::bad_alloc();
     }
@@ -208,6 +287,10 @@ std::wstring JWTUtils::expectedAudience() const {
     return widen(expectedAudience_);
 }
 
+std::size_t JWTUtils::cachedTokenCount() const {
+    return verifiedTokens_->size();
+}
+
 VerificationResult JWTUtils::verifyToken(const value& jwks, const std::wstring& token,
                                          value& claims, std::int64_t now,
                                          std::wstring* reason) const {
@@ -225,22 +308,72 @@ VerificationResult JWTUtils::verifyToken(const value& jwks, const std::wstring& 
         }
         return result;
     };
+    // The checks that depend on the time, after the claims are read; the same for a token
+    // verified now and for one taken from the cache.
+    const auto checkTime = [&](std::int64_t expiry, bool accessTokenClaims) {
+        if (now > expiry) {
+            return refuse(TokenExpired, L"Token expired.");
+        }
+        // The claims RFC 9068 requires are those of its access tokens; a "JWT" is the
+        // platform's own kind, which carries no audience.
+        if (accessTokenClaims) {
+            const std::wstring claimFailure =
+                accessTokenClaimFailure(claims, now, expectedIssuer_, expectedAudience_);
+            if (!claimFailure.empty()) {
+                return refuse(InvalidToken, claimFailure);
+            }
+        }
+        return Verified;
+    };
     try {
-        std::vector<std::string> parts;
-        const std::string narrowToken = narrow(token);
-        boost::split(parts, narrowToken, boost::is_any_of("."));
+        const std::string narrowToken = narrowText(token);
+
+        // A token verified before under this key set and these rules went through every step
+        // before the expiry with the outcome it would have now, and its signature verified:
+        // only the checks on the time are left. A cache that cannot be used (out of memory)
+        // only costs the full verification.
+        VerifiedTokenCache::Digest digest{};
+        std::shared_ptr<const VerifiedTokenCache::Context> keySetContext;
+        bool cacheUsable = false;
+        try {
+            keySetContext = verifiedTokens_->contextFor(jwks, profile_, expectedIssuer_,
+                                                        expectedAudience_, indexSigningKeys);
+            digest = VerifiedTokenCache::digestOf(narrowToken);
+            cacheUsable = true;
+            VerifiedTokenCache::Entry cached;
+            if (verifiedTokens_->find(digest, keySetContext->generation, cached)) {
+                claims = *cached.claims;
+                return checkTime(cached.expiry, cached.accessTokenClaims);
+            }
+        } catch (const std::bad_alloc&) {
+            cacheUsable = false;
+        }
+
+        const std::vector<std::string> parts = tokenParts(narrowToken);
         if (parts.size() != 3) {
             return refuse(InvalidToken,
                           L"Not a JWT: the token does not have three parts separated by '.'.",
                           false);
         }
 
-        const value header = parseSegment(parts[0]);
-        if (!header.has_field("kid") || !header.has_field("typ")) {
-            return refuse(InvalidToken, L"Missing kid or typ items in JWT header.");
+        if (!lastHeader.complete || lastHeader.segment != parts[0]) {
+            const value header = parseSegment(parts[0]);
+            if (!header.has_field("kid") || !header.has_field("typ")) {
+                return refuse(InvalidToken, L"Missing kid or typ items in JWT header.");
+            }
+            LastHeader read;
+            read.kid = throughWideText(header.at("kid").as_string());
+            read.typ = throughWideText(header.at("typ").as_string());
+            read.hasAlg = header.has_string_field("alg");
+            if (read.hasAlg) {
+                read.alg = header.at("alg").as_string();
+            }
+            read.segment = parts[0];
+            read.complete = true;
+            lastHeader = std::move(read);
         }
-        const std::string kid = throughWideText(header.at("kid").as_string());
-        const std::string typ = throughWideText(header.at("typ").as_string());
+        const std::string& kid = lastHeader.kid;
+        const std::string& typ = lastHeader.typ;
         JwsSignature::Algorithm algorithm = JwsSignature::Algorithm::RS256;
         if (!rfc9068) {
             if (typ != "JWT") {
@@ -250,9 +383,8 @@ VerificationResult JWTUtils::verifyToken(const value& jwks, const std::wstring& 
             if (!isAccessTokenType(typ)) {
                 return refuse(InvalidToken, L"Token type is not 'JWT' or 'at+jwt'.");
             }
-            algorithm = header.has_string_field("alg")
-                            ? JwsSignature::algorithmNamed(header.at("alg").as_string())
-                            : JwsSignature::Algorithm::None;
+            algorithm = lastHeader.hasAlg ? JwsSignature::algorithmNamed(lastHeader.alg)
+                                          : JwsSignature::Algorithm::None;
             if (algorithm == JwsSignature::Algorithm::None) {
                 return refuse(InvalidToken,
                               L"Token algorithm is not one of RS256, PS256 and ES256.");
@@ -260,7 +392,7 @@ VerificationResult JWTUtils::verifyToken(const value& jwks, const std::wstring& 
         }
 
         // Looked up in place rather than copied out as findKey does: the same key, no copy.
-        const value* foundKey = findSigningKey(kid, jwks, rfc9068);
+        const value* foundKey = findSigningKey(kid, jwks, rfc9068, keySetContext.get());
         if (foundKey == nullptr) {
             return refuse(
                 KeyNotFound,
@@ -282,18 +414,26 @@ VerificationResult JWTUtils::verifyToken(const value& jwks, const std::wstring& 
         if (!claims.has_field("exp")) {
             return refuse(InvalidToken, L"Token expiration missing.");
         }
-        if (now > truncatedInt64(claims.at("exp"))) {
-            return refuse(TokenExpired, L"Token expired.");
+        const std::int64_t expiry = truncatedInt64(claims.at("exp"));
+        const bool accessTokenClaims = rfc9068 && !boost::iequals(typ, "JWT");
+        const VerificationResult timely = checkTime(expiry, accessTokenClaims);
+        if (timely != Verified) {
+            return timely;
         }
-        // The claims RFC 9068 requires are those of its access tokens; a "JWT" is the
-        // platform's own kind, which carries no audience.
-        if (rfc9068 && !boost::iequals(typ, "JWT")) {
-            const std::wstring claimFailure =
-                accessTokenClaimFailure(claims, now, expectedIssuer_, expectedAudience_);
-            if (!claimFailure.empty()) {
-                return refuse(InvalidToken, claimFailure);
+        // Kept once the signature verifies; the claims as the caller gets them.
+        const auto remember = [&] {
+            if (!cacheUsable) {
+                return;
             }
-        }
+            try {
+                verifiedTokens_->insert(
+                    digest, keySetContext->generation,
+                    VerifiedTokenCache::Entry{std::make_shared<const value>(claims), expiry,
+                                              accessTokenClaims});
+            } catch (const std::bad_alloc&) {
+                // Not kept: the next verification of the token is a full one.
+            }
+        };
 
         const auto signature = Varkel::Zu::Base64::decode_url(parts[2]);
         const std::string signedText = parts[0] + "." + parts[1];
@@ -301,13 +441,17 @@ VerificationResult JWTUtils::verifyToken(const value& jwks, const std::wstring& 
         // The first certificate of the chain, or under the profile the key's parameters. The
         // public key is made once per text and kept (successes only), which keeps every result
         // and line the same.
-        const std::string certificateText =
-            hasCertificate ? throughWideText(key.at("x5c").at(0).as_string()) : keyText;
+        const std::string& givenText = hasCertificate ? key.at("x5c").at(0).as_string() : keyText;
         std::shared_ptr<EVP_PKEY> publicKey;
-        if (lastCertificate.key && lastCertificate.text == certificateText) {
+        std::string certificateText;
+        if (lastCertificate.key && lastCertificate.ascii && lastCertificate.text == givenText) {
+            // ASCII reads the same after the wide round trip: no need to make the text.
             publicKey = lastCertificate.key;
         } else {
-            publicKey = PublicKeyCache::instance().find(certificateText);
+            certificateText = hasCertificate ? throughWideText(givenText) : keyText;
+            publicKey = lastCertificate.key && lastCertificate.text == certificateText
+                            ? lastCertificate.key
+                            : PublicKeyCache::instance().find(certificateText);
         }
         if (!publicKey && !hasCertificate) {
             publicKey = JwsSignature::publicKeyOf(key);
@@ -337,6 +481,7 @@ VerificationResult JWTUtils::verifyToken(const value& jwks, const std::wstring& 
         }
         if (lastCertificate.key != publicKey) {
             lastCertificate.text = certificateText;
+            lastCertificate.ascii = isAscii(certificateText);
             lastCertificate.key = publicKey;
         }
 
@@ -349,6 +494,7 @@ VerificationResult JWTUtils::verifyToken(const value& jwks, const std::wstring& 
             }
             if (JwsSignature::verifies(algorithm, publicKey.get(), signedText, signature->getData(),
                                        signature->getSize())) {
+                remember();
                 return Verified;
             }
             return refuse(VerificationFailed, L"Signature verification failed.");
@@ -364,12 +510,16 @@ VerificationResult JWTUtils::verifyToken(const value& jwks, const std::wstring& 
         if (EVP_VerifyInit(context.get(), EVP_sha256()) == 0) {
             return refuse(VerificationFailed, L"EVP_VerifyInit failed.");
         }
+        // The context ends with this verification: EVP_VerifyFinal may finish it in place
+        // instead of on a copy. (Set after the initialisation, which clears it.)
+        EVP_MD_CTX_set_flags(context.get(), EVP_MD_CTX_FLAG_FINALISE);
         if (EVP_VerifyUpdate(context.get(), signedText.data(), signedText.size()) == 0) {
             return refuse(VerificationFailed, L"EVP_VerifyUpdate failed.");
         }
         if (EVP_VerifyFinal(context.get(), signature->getData(),
                             static_cast<unsigned int>(signature->getSize()),
                             publicKey.get()) == 1) {
+            remember();
             return Verified;
         }
         return refuse(VerificationFailed,

@@ -23,6 +23,7 @@
 #include <ZuCore/Logger.h>
 #include <ZuCore/MakeShared.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -32,6 +33,8 @@
 
 namespace Varkel {
 namespace Tolva {
+
+class VerifiedTokenCache;
 
 /// The outcome of JWTUtils::verify and JWTUtils::findKey.
 enum VerificationResult : std::int32_t {
@@ -55,12 +58,27 @@ enum VerificationResult : std::int32_t {
 /// Tokens and claims are never logged. The verify overload with a `reason` also hands the
 /// failure's text to the caller, including for the two cases without a line.
 ///
-/// Thread safety: verify and findKey keep their state on the stack, so one JWTUtils may serve
-/// any number of threads at once; the setters (profile, issuer, audience) are meant for
-/// before the object is shared, and must not run while another thread verifies with it. The public
-/// keys of the certificates seen are kept in a process-wide, bounded cache keyed by the certificate
-/// text, so a certificate is parsed once however many tokens it verifies; a certificate that fails
-/// to parse is never kept, and a new key set simply brings new texts.
+/// Thread safety: one JWTUtils may serve any number of threads at once: verify and findKey
+/// keep their state on the stack, and the verified tokens kept (below) sit behind a lock of
+/// their own, held for a table lookup or insertion only; the setters (profile, issuer, audience)
+/// are meant for before the object is shared, and must not run while another thread verifies with
+/// it. The public keys of the certificates seen are kept in a process-wide, bounded cache keyed by
+/// the certificate text, so a certificate is parsed once however many tokens it verifies; a
+/// certificate that fails to parse is never kept, and a new key set simply brings new texts.
+///
+/// Verified tokens are remembered, so that a token verified again (a service checking the
+/// bearer token of every request) costs a digest and a table lookup instead of a signature
+/// check. The results, claims, reasons and log lines are those of a full verification: an
+/// entry holds the token's claims and is found by the SHA-256 digest of the whole token text,
+/// so a token that differs in any byte is verified in full; its expiry (and under Rfc9068 its
+/// "nbf") is checked against `now` on every verification, so a token expires in the cache as
+/// it does outside it. Only tokens that verified are kept, at most 1024 (the least recently
+/// used goes first), and all of them were verified against the same key set and settings:
+/// verifying against a key set that differs in anything (a rotated key, a removed key) or after
+/// a setter changed the rules drops them all first. One object, shared by the threads that
+/// verify, keeps one table for all of them; copies share it too. Verifying with one object
+/// against two key sets in turn drops the table at every switch (the results stay right, the
+/// speed is that of full verifications): use one object per key set.
 class TOLVA_EXPORT JWTUtils {
   public:
     /// Made through Varkel::Zu::MakeShared::create<JWTUtils>(). The profile comes from
@@ -69,9 +87,10 @@ class TOLVA_EXPORT JWTUtils {
     /// Throws std::bad_alloc when libcrypto cannot make its digest context.
     explicit JWTUtils(Varkel::Zu::PrivateConstructorType);
     virtual ~JWTUtils();
-    /// A copy shares the digest context and has the same profile, issuer and audience.
+    /// A copy shares the digest context and the verified tokens kept, and has the same
+    /// profile, issuer and audience.
     JWTUtils(const JWTUtils& other);
-    /// Shares the other's digest context.
+    /// Shares the other's digest context and verified tokens kept.
     JWTUtils& operator=(const JWTUtils& other);
 
     /// Verifies `token` against the key set `jwks` at the time `now` (seconds since the Unix
@@ -120,6 +139,10 @@ class TOLVA_EXPORT JWTUtils {
     /// The expected audience (empty: none). Never throws except std::bad_alloc.
     std::wstring expectedAudience() const;
 
+    /// How many verified tokens this object (with its copies) keeps: at most 1024, all
+    /// verified against the key set and rules of the latest verification. Any thread.
+    std::size_t cachedTokenCount() const;
+
     /// The digest context this object shares with its copies and the objects assigned from
     /// it: two objects share it when this gives the same pointer. Never null. Any thread.
     const EVP_MD_CTX* digestContext() const noexcept { return digestContext_.get(); }
@@ -139,6 +162,9 @@ class TOLVA_EXPORT JWTUtils {
     /// Made in the constructor and shared by copies; verify makes a context of its own for
     /// each verification, so this one is never used concurrently.
     std::shared_ptr<EVP_MD_CTX> digestContext_;
+
+    /// The tokens verified so far, shared by copies.
+    std::shared_ptr<VerifiedTokenCache> verifiedTokens_;
 };
 
 }  // namespace Tolva
