@@ -18,6 +18,7 @@ namespace Rest {
 /// A web::json::json_exception that is also a RequestFailure of kind BadReply.
 class TOLVA_EXPORT PlatformReplyError : public web::json::json_exception, public RequestFailure {
   public:
+    /// text: the JSON library's message.
     explicit PlatformReplyError(const std::string& text);
     ~PlatformReplyError() override;
 };

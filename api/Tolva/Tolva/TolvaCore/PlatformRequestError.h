@@ -19,6 +19,8 @@ namespace Rest {
 /// A std::runtime_error that is also a RequestFailure.
 class TOLVA_EXPORT PlatformRequestError : public std::runtime_error, public RequestFailure {
   public:
+    /// text: what() (a status failure's body, a transport failure's text); kind, and for
+    /// Kind::HttpStatus the status and reason phrase.
     PlatformRequestError(const std::string& text, Kind kind, int statusCode = 0,
                          std::string reasonPhrase = std::string());
     /// The same text and kind as failure.

@@ -223,7 +223,8 @@ void QxPlatformApi::createClient() {
     std::shared_ptr<web::http::client::http_client> pollClient;
     try {
         const std::wstring url = getPlatformUrl();
-        client = WebUtils::createHttpClient(url, nullptr);
+        // As WebUtils::createHttpClient(url, nullptr) makes it, with redirects not followed.
+        client = WebUtils::makeHttpClient(url, ApiDefaults::kRequestStepTimeout);
         pollClient = WebUtils::makeHttpClient(url, ApiDefaults::kPollStepTimeout);
     } catch (...) {
         std::lock_guard<std::mutex> lock(stateMutex_);

@@ -6,6 +6,9 @@
 #include "private/ApiDefaults.h"
 #include "private/JsonReply.h"
 #include "private/RestCall.h"
+
+#include <TolvaCore/PlatformReplyError.h>
+#include <TolvaCore/PlatformRequestError.h>
 #include "private/StatisticsRecorder.h"
 
 #include "private/EventDispatcher.h"
@@ -163,6 +166,11 @@ Token QxPlatformApi::getToken() {
             .then([](http_response response) { return extractJsonReply(response); })
             .then([&result](const value& keySet) { result.keySet = keySet; })
             .get();
+    } catch (const PlatformReplyError&) {
+        throw;
+    } catch (const web::json::json_exception& e) {
+        // An accepted answer without the members it must have: still a json_exception.
+        throw PlatformReplyError(e.what());
     } catch (const http_exception& e) {
         std::printf("####### Get token failed \n");
         std::cout << "####### Get token failed: " << e.what() << std::endl;
@@ -177,20 +185,24 @@ Token QxPlatformApi::getToken() {
         if (!keep) {
             clearToken();
         }
-        throw std::runtime_error(e.what());
+        // A std::runtime_error as always, now with the failure's kind.
+        const PlatformHttpException typed = RestCall::classify(e);
+        throw PlatformRequestError(typed.what(), typed);
     }
 
     std::vector<std::string> parts;
     const std::string accessToken = narrow(result.accessToken);
     boost::split(parts, accessToken, boost::is_any_of("."));
     if (parts.size() != 3) {
-        throw std::runtime_error("Invalid JWT token. Expecting 3 parts");
+        throw PlatformRequestError("Invalid JWT token. Expecting 3 parts",
+                                   RequestFailure::Kind::BadReply);
     }
     const auto payloadBytes = Varkel::Zu::Base64::decode(parts[1]);
     const std::wstring payloadText = widen(payloadBytes->toString());
     const value payload = value::parse(narrow(payloadText));
     if (!payload.is_object() || !payload.has_string_field("acc")) {
-        throw std::runtime_error("Invalid JWT token. Does not carry an 'acc' claim.");
+        throw PlatformRequestError("Invalid JWT token. Does not carry an 'acc' claim.",
+                                   RequestFailure::Kind::BadReply);
     }
     result.account = widen(payload.at("acc").as_string());
     ZU_LOG_DEBUG(logger_, L"QX Platform account : " + result.account);

@@ -24,6 +24,7 @@ namespace Rest {
 /// The kind, and for a status failure the status, of a failed platform request.
 class TOLVA_EXPORT RequestFailure {
   public:
+    /// What went wrong.
     enum class Kind {
         /// No answer: the connection could not be opened, or broke (refused, reset, closed
         /// before an answer, a proxy that could not be reached).
@@ -45,6 +46,7 @@ class TOLVA_EXPORT RequestFailure {
 
     virtual ~RequestFailure();
 
+    /// The kind of the failure.
     Kind kind() const noexcept { return kind_; }
 
     /// The answer's status for Kind::HttpStatus; 0 for the other kinds.
@@ -59,8 +61,12 @@ class TOLVA_EXPORT RequestFailure {
     std::string summary() const;
 
   protected:
+    /// A failure of `kind`; statusCode and reasonPhrase for Kind::HttpStatus (0 and empty
+    /// otherwise).
     RequestFailure(Kind kind, int statusCode, std::string reasonPhrase);
+    /// Copies kind, status and reason phrase.
     RequestFailure(const RequestFailure&) = default;
+    /// Copies kind, status and reason phrase.
     RequestFailure& operator=(const RequestFailure&) = default;
 
   private:

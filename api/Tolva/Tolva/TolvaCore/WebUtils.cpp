@@ -137,6 +137,10 @@ std::shared_ptr<web::http::client::http_client> makeHttpClient(const std::wstrin
     const web::uri target(Varkel::Zu::narrow(url));
     web::http::client::http_client_config config = configFor(target);
     config.set_timeout(stepTimeout);
+    // No platform operation accepts a redirect: one is answered like any other status it does
+    // not accept. Without a redirect limit the HTTP library would add a continuation of its own
+    // to every request, a hand-over between threads that nothing uses.
+    config.set_max_redirects(0);
     return TlsTrust::makeClient(target, config);
 }
 

@@ -26,6 +26,8 @@ constexpr const char* kServicePath = "/discovery/api/v1/service";
 constexpr const char* kMailboxPath = "/notifications/api/v1/mailbox";
 // Long polls: GET kNotificationsPath + "/" + mailbox id + kPollQuery.
 constexpr const char* kPollQuery = "?timeout=30";
+// The time-out per step of every request but the long poll (the HTTP library's default).
+constexpr std::chrono::seconds kRequestStepTimeout(30);
 // How long the platform holds a poll before it answers 204 (the query above).
 constexpr std::chrono::seconds kPlatformPollWait(30);
 // The poll client's time-out per step: the platform's wait and a margin of 15 s for its

@@ -1,6 +1,6 @@
 // The API object's clients: like WebUtils::createHttpClient (the proxy from the environment,
-// the process's TLS trust), without an authorisation stage, and with the given time-out per
-// step of a request.
+// the process's TLS trust), without an authorisation stage, with the given time-out per step
+// of a request, and without following redirects (no platform operation accepts one).
 #pragma once
 
 #include <chrono>

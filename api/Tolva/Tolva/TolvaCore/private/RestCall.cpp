@@ -104,33 +104,6 @@ PlatformHttpException failureOf(const std::exception_ptr& failure,
     }
 }
 
-// The answer of one attempt with its body read (within the deadline, as the body may trickle).
-pplx::task<http_response> attempt(const std::shared_ptr<Client>& client,
-                                  const std::shared_ptr<const RestCall::Plan>& plan,
-                                  const std::shared_ptr<RequestDeadline>& deadline,
-                                  bool mayResend) {
-    return client->request(plan->build(), deadline->token())
-        .then([client, plan, deadline,
-               mayResend](pplx::task<http_response> sent) -> pplx::task<http_response> {
-            http_response response;
-            try {
-                response = sent.get();
-            } catch (const http_exception& e) {
-                if (mayResend && notWritten(e) && !deadline->token().is_canceled()) {
-                    if (plan->onResend) {
-                        plan->onResend();
-                    }
-                    // A client of its own has no pooled connection: the request surely goes on a
-                    // new one, whatever else the old client's pool holds.
-                    auto fresh = TlsTrust::makeClient(client->base_uri(), client->client_config());
-                    return attempt(fresh, plan, deadline, false);
-                }
-                throw;
-            }
-            return response.content_ready();
-        });
-}
-
 std::string lowerCase(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
@@ -186,6 +159,62 @@ std::string pageExcerpt(web::http::status_code status, const std::string& reason
 bool isPage(const http_response& response) {
     const auto type = response.headers().content_type();
     return lowerCase(type).find("text/html") != std::string::npos;
+}
+
+// An answer whose status the operation does not accept: the "ERROR: " line, then a task that
+// fails with the status and the body (read first).
+pplx::task<http_response> refused(const std::shared_ptr<const RestCall::Plan>& plan,
+                                  http_response response) {
+    const web::http::status_code status = response.status_code();
+    if (plan->beforeFailure) {
+        plan->beforeFailure();
+    }
+    const std::string reason = response.reason_phrase();
+    Varkel::Zu::DebugLog::error(plan->failureText + std::to_wstring(status) + L" " +
+                                Varkel::Zu::widen(reason) + plan->failureSuffix);
+    // A proxy's answer (its own error page, or its request for credentials) is told by
+    // status and an excerpt; the platform's own bodies stay as they are.
+    const bool page = status == web::http::status_codes::ProxyAuthRequired || isPage(response);
+    // Read asynchronously (the body is there already), so no continuation waits.
+    // A body that cannot be read fails the request as the reading failed (the deadline, say).
+    return response.extract_utf8string(true).then([status, reason,
+                                                   page](const std::string& read) -> http_response {
+        const std::string body = page ? pageExcerpt(status, reason, read) : read;
+        throw PlatformHttpException(status, body, RequestFailure::Kind::HttpStatus, status, reason);
+    });
+}
+
+// The answer of one attempt with its body read (within the deadline, as the body may trickle).
+pplx::task<http_response> attempt(const std::shared_ptr<Client>& client,
+                                  const std::shared_ptr<const RestCall::Plan>& plan,
+                                  const std::shared_ptr<RequestDeadline>& deadline, bool check,
+                                  bool mayResend) {
+    return client->request(plan->build(), deadline->token())
+        .then([client, plan, deadline, check,
+               mayResend](pplx::task<http_response> sent) -> pplx::task<http_response> {
+            http_response response;
+            try {
+                response = sent.get();
+            } catch (const http_exception& e) {
+                if (mayResend && notWritten(e) && !deadline->token().is_canceled()) {
+                    if (plan->onResend) {
+                        plan->onResend();
+                    }
+                    // A client of its own has no pooled connection: the request surely goes on a
+                    // new one, whatever else the old client's pool holds.
+                    auto fresh = TlsTrust::makeClient(client->base_uri(), client->client_config());
+                    return attempt(fresh, plan, deadline, check, false);
+                }
+                throw;
+            }
+            // The status is checked as soon as it is there; an accepted answer's body is read
+            // whole before the request counts as done.
+            if (check && std::find(plan->accepted.begin(), plan->accepted.end(),
+                                   response.status_code()) == plan->accepted.end()) {
+                return refused(plan, response);
+            }
+            return response.content_ready();
+        });
 }
 
 }  // namespace
@@ -261,68 +290,47 @@ PlatformHttpException RestCall::classify(const http_exception& e) {
     return PlatformHttpException(e.error_code().value(), text, kind);
 }
 
-pplx::task<http_response> RestCall::sendUnchecked(const std::shared_ptr<Client>& client) const {
+pplx::task<http_response> RestCall::sendChecking(const std::shared_ptr<Client>& client,
+                                                 bool check) const {
     if (!client) {
         return pplx::task_from_exception<http_response>(PlatformHttpException(
             0, "No HTTP client for the platform URL.", RequestFailure::Kind::Transport));
     }
+    // The continuations own a copy of what they need: they may run after this object is gone.
     const std::shared_ptr<const Plan> plan = std::make_shared<const Plan>(*plan_);
     std::shared_ptr<RequestDeadline> deadline;
     pplx::task<http_response> answer;
     try {
         deadline = RequestDeadline::start(plan->timeLimit, plan->cancellation);
-        answer = attempt(client, plan, deadline, true);
+        answer = attempt(client, plan, deadline, check, true);
     } catch (...) {
         // Making the request failed before it left (a bad path, no memory).
         return pplx::task_from_exception<http_response>(PlatformHttpException(
             0, "The request could not be sent.", RequestFailure::Kind::Transport));
     }
-    // The last continuation takes every outcome: the clock stops, and a failure leaves with
-    // its kind.
+    // One last continuation takes every outcome: the clock stops, and a failure leaves with its
+    // kind.
     return answer.then([deadline](pplx::task<http_response> done) -> http_response {
         deadline->finish();
         try {
             return done.get();
+        } catch (const PlatformHttpException& e) {
+            if (e.kind() == RequestFailure::Kind::HttpStatus) {
+                throw;  // the status check's own failure
+            }
+            throw failureOf(std::current_exception(), *deadline);
         } catch (...) {
             throw failureOf(std::current_exception(), *deadline);
         }
     });
 }
 
+pplx::task<http_response> RestCall::sendUnchecked(const std::shared_ptr<Client>& client) const {
+    return sendChecking(client, false);
+}
+
 pplx::task<http_response> RestCall::send(const std::shared_ptr<Client>& client) const {
-    // The continuation owns copies of what it needs: it may run after this object is gone.
-    return sendUnchecked(client).then([plan = plan_](
-                                          http_response response) -> pplx::task<http_response> {
-        const web::http::status_code status = response.status_code();
-        if (std::find(plan->accepted.begin(), plan->accepted.end(), status) !=
-            plan->accepted.end()) {
-            return pplx::task_from_result(response);
-        }
-        if (plan->beforeFailure) {
-            plan->beforeFailure();
-        }
-        const std::string reason = response.reason_phrase();
-        Varkel::Zu::DebugLog::error(plan->failureText + std::to_wstring(status) + L" " +
-                                    Varkel::Zu::widen(reason) + plan->failureSuffix);
-        // A proxy's answer (its own error page, or its request for credentials) is told by
-        // status and an excerpt; the platform's own bodies stay as they are.
-        const bool page = status == web::http::status_codes::ProxyAuthRequired || isPage(response);
-        // Read asynchronously (the body is there already), so no continuation waits.
-        return response.extract_utf8string(true).then(
-            [status, reason, page](pplx::task<std::string> read) -> http_response {
-                std::string body;
-                try {
-                    body = read.get();
-                } catch (const std::exception&) {
-                    body.clear();
-                }
-                if (page) {
-                    body = pageExcerpt(status, reason, body);
-                }
-                throw PlatformHttpException(status, body, RequestFailure::Kind::HttpStatus, status,
-                                            reason);
-            });
-    });
+    return sendChecking(client, true);
 }
 
 http_response RestCall::perform(const std::shared_ptr<Client>& client) const {

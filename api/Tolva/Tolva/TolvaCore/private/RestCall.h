@@ -134,6 +134,8 @@ class RestCall {
     struct Plan;
 
   private:
+    pplx::task<web::http::http_response> sendChecking(
+        const std::shared_ptr<web::http::client::http_client>& client, bool check) const;
     [[noreturn]] static void throwAsStdException(const web::http::http_exception& e);
 
     std::shared_ptr<Plan> plan_;
