@@ -6,6 +6,9 @@
 #
 #   cmake -DBUILD_DIR=... -DSOURCE_DIR=... -DWORK_DIR=... -DGENERATOR=... [-DSANITIZE=...]
 #         -P RunFlagsCheck.cmake
+
+# Run with cmake -P, which starts with every policy unset: if(... IN_LIST ...) needs this.
+cmake_policy(SET CMP0057 NEW)
 file(REMOVE_RECURSE ${WORK_DIR})
 set(prefix ${WORK_DIR}/prefix)
 set(host_source ${SOURCE_DIR}/tests/package/flags_host)

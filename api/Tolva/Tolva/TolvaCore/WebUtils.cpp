@@ -104,20 +104,38 @@ void settleHttpThreadPool() noexcept {
 
 namespace {
 
-// The client for url with the proxy the environment names for it (see ProxySettings).
-web::http::client::http_client_config configFor(const web::uri& target) {
+// What a client for one URL is made with: the configuration, and the Proxy-Authorization
+// value its plain requests carry (empty: none).
+struct ClientSettings {
     web::http::client::http_client_config config;
-    const ProxySettings::Choice proxy = ProxySettings::forTarget(target);
-    config.set_proxy(ProxySettings::toWebProxy(proxy));
+    std::string proxyAuthorization;
+};
+
+// The client for url with the proxy the environment names for it (see ProxySettings).
+ClientSettings settingsFor(const web::uri& target) {
+    ClientSettings settings;
+    ProxySettings::Choice proxy = ProxySettings::forTarget(target);
+    // Proxy credentials given to the HTTP library are copied, and the copy never freed, every
+    // time it builds a Proxy-Authorization header (once per request through the proxy). For
+    // plain requests the library adds that header itself, so the HTTP library never sees the
+    // credentials; only an https tunnel's CONNECT (once per connection) needs them there.
+    if (proxy.credentials && target.scheme() != "https") {
+        settings.proxyAuthorization = ProxySettings::basicAuthorization(*proxy.credentials);
+        proxy.credentials.reset();
+    }
+    settings.config.set_proxy(ProxySettings::toWebProxy(proxy));
     // The proxy's address may carry credentials: only the variable's name is logged.
     switch (proxy.mode) {
         case ProxySettings::Choice::Mode::AutoDiscovery:
             ZU_LOG_DEBUG(webUtilLogger(), L"HTTP client uses automatic proxy discovery.");
             break;
         case ProxySettings::Choice::Mode::Given:
-            ZU_LOG_DEBUG(webUtilLogger(), L"HTTP client uses the proxy given by " +
-                                              Varkel::Zu::widen(proxy.variable) +
-                                              (proxy.credentials ? L", with credentials." : L"."));
+            ZU_LOG_DEBUG(webUtilLogger(),
+                         L"HTTP client uses the proxy given by " +
+                             Varkel::Zu::widen(proxy.variable) +
+                             (proxy.credentials || !settings.proxyAuthorization.empty()
+                                  ? L", with credentials."
+                                  : L"."));
             break;
         case ProxySettings::Choice::Mode::Direct:
             ZU_LOG_DEBUG(webUtilLogger(),
@@ -126,7 +144,20 @@ web::http::client::http_client_config configFor(const web::uri& target) {
         case ProxySettings::Choice::Mode::SystemDefault:
             break;
     }
-    return config;
+    return settings;
+}
+
+// Adds the proxy's credentials to every request of client (plain requests through a proxy).
+// The stage passes the request on unchanged otherwise and adds no continuation.
+void addProxyAuthorization(web::http::client::http_client& client, const std::string& value) {
+    if (value.empty()) {
+        return;
+    }
+    client.add_handler([value](web::http::http_request request,
+                               std::shared_ptr<web::http::http_pipeline_stage> next) {
+        request.headers().add("Proxy-Authorization", value);
+        return next->propagate(request);
+    });
 }
 
 }  // namespace
@@ -135,13 +166,15 @@ std::shared_ptr<web::http::client::http_client> makeHttpClient(const std::wstrin
                                                                std::chrono::seconds stepTimeout) {
     settleHttpThreadPool();
     const web::uri target(Varkel::Zu::narrow(url));
-    web::http::client::http_client_config config = configFor(target);
-    config.set_timeout(stepTimeout);
+    ClientSettings settings = settingsFor(target);
+    settings.config.set_timeout(stepTimeout);
     // No platform operation accepts a redirect: one is answered like any other status it does
     // not accept. Without a redirect limit the HTTP library would add a continuation of its own
     // to every request, a hand-over between threads that nothing uses.
-    config.set_max_redirects(0);
-    return TlsTrust::makeClient(target, config);
+    settings.config.set_max_redirects(0);
+    auto client = TlsTrust::makeClient(target, settings.config);
+    addProxyAuthorization(*client, settings.proxyAuthorization);
+    return client;
 }
 
 std::shared_ptr<web::http::client::http_client> createHttpClient(
@@ -152,9 +185,10 @@ std::shared_ptr<web::http::client::http_client> createHttpClient(
     settleHttpThreadPool();
 
     const web::uri target(narrow(url));
-    web::http::client::http_client_config config = configFor(target);
+    const ClientSettings settings = settingsFor(target);
 
-    auto client = TlsTrust::makeClient(target, config);
+    auto client = TlsTrust::makeClient(target, settings.config);
+    addProxyAuthorization(*client, settings.proxyAuthorization);
 
     if (api) {
         // Only the token's header text is held, and weakly: the stage must never hold the API

@@ -8,6 +8,7 @@
 #include <cctype>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include <arpa/inet.h>
@@ -232,6 +233,16 @@ Choice forTarget(const web::uri& target) {
         return automatic;
     }
     return given(name, value);
+}
+
+std::string basicAuthorization(const web::credentials& credentials) {
+    // The password is read back once per client (not per request), and the copy the HTTP
+    // library hands out for it is freed here.
+    std::unique_ptr<std::string> password(credentials._internal_decrypt().release());
+    const std::string userPassword = credentials.username() + ":" + *password;
+    std::fill(password->begin(), password->end(), '\0');
+    const std::vector<unsigned char> bytes(userPassword.begin(), userPassword.end());
+    return "Basic " + utility::conversions::to_base64(bytes);
 }
 
 web::web_proxy toWebProxy(const Choice& choice) {

@@ -46,6 +46,9 @@ Choice forTarget(const web::uri& target);
 // "no_proxy" list.
 bool bypassed(const std::string& host, const std::string& noProxyList);
 
+// "Basic " and the Base64 of "user:password".
+std::string basicAuthorization(const web::credentials& credentials);
+
 // The HTTP library's form of choice.
 web::web_proxy toWebProxy(const Choice& choice);
 
