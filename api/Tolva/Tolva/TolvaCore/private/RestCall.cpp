@@ -5,8 +5,8 @@
 #include <ZuCore/DebugLog.h>
 #include <ZuCore/StringConversion.h>
 
+#include "HttpClientMaker.h"
 #include "RequestDeadline.h"
-#include "TlsTrust.h"
 
 #include <algorithm>
 #include <cctype>
@@ -201,8 +201,11 @@ pplx::task<http_response> attempt(const std::shared_ptr<Client>& client,
                         plan->onResend();
                     }
                     // A client of its own has no pooled connection: the request surely goes on a
-                    // new one, whatever else the old client's pool holds.
-                    auto fresh = TlsTrust::makeClient(client->base_uri(), client->client_config());
+                    // new one, whatever else the old client's pool holds. Made as the API
+                    // object's clients are (proxy and its credentials, trust, no redirects).
+                    auto fresh = WebUtils::makeHttpClient(
+                        Varkel::Zu::widen(client->base_uri().to_string()),
+                        client->client_config().timeout<std::chrono::seconds>());
                     return attempt(fresh, plan, deadline, check, false);
                 }
                 throw;
