@@ -186,6 +186,25 @@ TEST_F(MailRetrievalTest, AReplyWithALoneSurrogateEscapeStopsThatMailboxWithoutH
     api.reset();
 }
 
+// The poll's answer is read at once where it arrives (its body has been read whole): a body
+// that is not JSON at all takes the path of any other unreadable answer.
+TEST_F(MailRetrievalTest, AReplyThatIsNotJsonStopsThatMailboxWithoutHarm) {
+    const LogRecords records;
+    auto api = makeApi();
+    auto broken = newMailbox();
+    emulator_.addFault(pollReply(*broken, "<html><body>Busy</body></html>"));
+    api->createMailbox(broken, L"t");
+    const auto [healthy, listener] = listening(*api, L"t");
+    ASSERT_EQ(waitForPolls(*broken, 1).size(), 1u);
+    api->postNotification(L"t", L"still flowing", 0);
+    ASSERT_EQ(listener->waitFor(1).size(), 1u);
+    EXPECT_TRUE(waitForStoppedLine(records, *broken));
+    EXPECT_EQ(waitForPolls(*broken, 2, std::chrono::milliseconds(1500)).size(), 1u);
+    EXPECT_GE(waitForPolls(*healthy, 2).size(), 2u);
+    EXPECT_EQ(api->statistics().pollsTransportFailures, 0u);
+    api.reset();
+}
+
 TEST_F(MailRetrievalTest, NeverTwoPollsOfOneMailboxAtOnce) {
     // While the gate holds the delivery, no next poll leaves.
     const auto api = makeApi();

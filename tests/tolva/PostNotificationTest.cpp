@@ -141,6 +141,19 @@ TEST_F(PostNotificationTest, Reply204IsSuccess) {
     EXPECT_EQ(log.countLinesStartingWith("ERROR: "), 0u) << log.text();
 }
 
+// A post returns as soon as the head of its 204 is read (a 204 has no body); the HTTP library
+// puts the connection back in its pool right after, so the next post finds it there. (A
+// caller quicker than that opens a second connection, which is kept too; so a bound of two.)
+TEST_F(PostNotificationTest, PostsOneAfterAnotherGoOutOnTheConnectionAlreadyOpen) {
+    api_->postNotification(L"Reuse/Topic", L"first", 0);
+    const std::size_t opened = emulator_.connectionCounts().accepted;
+    for (int i = 0; i < 50; ++i) {
+        api_->postNotification(L"Reuse/Topic", L"next", 0);
+    }
+    EXPECT_EQ(requestsTo("POST", kNotificationsPath).size(), 51u);
+    EXPECT_LE(emulator_.connectionCounts().accepted, opened + 2);
+}
+
 TEST_F(PostNotificationTest, Reply200WithEmptyBodyIsAFailure) {
     emulator_.addFault(statusRule("POST", kNotificationsPath, 200, ""));
     const DebugLogTail log;

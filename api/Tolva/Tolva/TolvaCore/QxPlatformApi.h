@@ -385,10 +385,10 @@ class TOLVA_EXPORT QxPlatformApi {
     void startPoll(std::shared_ptr<MailboxLife> life, std::shared_ptr<void> openingSlot = nullptr);
     void abandonPoll(bool counted, const std::shared_ptr<PollContext>& poll,
                      std::shared_ptr<MailboxLife> life, const std::wstring& reason);
-    pplx::task<void> handlePollResponse(const std::shared_ptr<PollContext>& poll,
-                                        pplx::task<web::http::http_response> responseTask);
+    void handlePollResponse(const std::shared_ptr<PollContext>& poll,
+                            pplx::task<web::http::http_response> responseTask);
     void handlePollBody(const std::shared_ptr<PollContext>& poll,
-                        pplx::task<web::json::value> bodyTask);
+                        const web::http::http_response& response);
     /// Carries out what the registry asked for after a poll (on a thread that may block).
     void followUp(int action, const std::shared_ptr<MailboxLife>& life,
                   const std::string& bearerSent);

@@ -173,16 +173,15 @@ void QxPlatformApi::startPoll(std::shared_ptr<MailboxLife> life,
 
         // Counted before it leaves: a snapshot never sees an outcome without its poll.
         StatisticsRecorder::bump(statistics_->pollsSent);
-        // Every outcome is taken by the last continuation, so no task of a poll ever ends
-        // holding an exception nobody observes (that would end the process).
+        // One continuation takes the answer (its body already read), hands the mail over and
+        // ends the poll: every step is short and none blocks, so a poll crosses the pool once.
+        // It takes every outcome, so no task of a poll ever ends holding an exception nobody
+        // observes (that would end the process).
         pplx::task<void> receptionTask =
             call.sendUnchecked(currentPollClient())
                 .then([this, poll](pplx::task<http_response> responseTask) {
-                    return handlePollResponse(poll, responseTask);
-                })
-                .then([this, poll](pplx::task<void> outcome) {
                     try {
-                        outcome.get();
+                        handlePollResponse(poll, responseTask);
                     } catch (const pplx::task_canceled&) {
                         // Stopped with the object; nothing to report.
                         StatisticsRecorder::bump(statistics_->pollsCancelled);
@@ -246,8 +245,8 @@ bool QxPlatformApi::isStopping() const {
     return !running_ || receptionCancellation_.get_token().is_canceled();
 }
 
-pplx::task<void> QxPlatformApi::handlePollResponse(const std::shared_ptr<PollContext>& poll,
-                                                   pplx::task<http_response> responseTask) {
+void QxPlatformApi::handlePollResponse(const std::shared_ptr<PollContext>& poll,
+                                       pplx::task<http_response> responseTask) {
     http_response response;
     try {
         response = responseTask.get();
@@ -262,14 +261,14 @@ pplx::task<void> QxPlatformApi::handlePollResponse(const std::shared_ptr<PollCon
         const auto action =
             registry_->afterPoll(poll->life, MailboxRegistry::Outcome::TransportFailure, 0, text);
         followUp(static_cast<int>(action), poll->life, poll->bearer);
-        return pplx::task_from_result();
+        return;
     }
 
     poll->answeredAt = SteadyClock::now();
     const web::http::status_code status = response.status_code();
     if (status == status_codes::OK) {
-        return response.extract_json(true).then(
-            [this, poll](pplx::task<value> bodyTask) { handlePollBody(poll, bodyTask); });
+        handlePollBody(poll, response);
+        return;
     }
     const auto action =
         status == status_codes::NoContent
@@ -278,14 +277,14 @@ pplx::task<void> QxPlatformApi::handlePollResponse(const std::shared_ptr<PollCon
                   poll->life, MailboxRegistry::Outcome::Status, status,
                   L"answered " + std::to_wstring(status) + L" " + widen(response.reason_phrase()));
     followUp(static_cast<int>(action), poll->life, poll->bearer);
-    return pplx::task_from_result();
 }
 
 void QxPlatformApi::handlePollBody(const std::shared_ptr<PollContext>& poll,
-                                   pplx::task<value> bodyTask) {
+                                   const http_response& response) {
     value body;
     try {
-        body = bodyTask.get();
+        // The body has been read whole: parsed here, without another task through the pool.
+        body = RestCall::readJson(response);
     } catch (const web::http::http_exception& e) {
         // The connection failed while the body was read: a transport failure like any other.
         // Anything else (not JSON, text that cannot be converted) is the reply's own fault and

@@ -6,6 +6,7 @@
 #include <ZuCore/StringConversion.h>
 
 #include "HttpClientMaker.h"
+#include "InlineScheduler.h"
 #include "RequestDeadline.h"
 
 #include <algorithm>
@@ -184,40 +185,72 @@ pplx::task<http_response> refused(const std::shared_ptr<const RestCall::Plan>& p
     });
 }
 
+// An answer that cannot have a body (HTTP/1.1: 1xx, 204, 304, the answer to HEAD, or a
+// Content-Length of 0) is whole once its head is there.
+bool bodiless(const http_response& response, const web::http::method& method) {
+    const web::http::status_code status = response.status_code();
+    if ((status >= 100 && status < 200) || status == web::http::status_codes::NoContent ||
+        status == web::http::status_codes::NotModified || method == web::http::methods::HEAD) {
+        return true;
+    }
+    const auto& headers = response.headers();
+    const auto length = headers.find(web::http::header_names::content_length);
+    return length != headers.end() && length->second == "0" &&
+           headers.find(web::http::header_names::transfer_encoding) == headers.end();
+}
+
+// The answer's body read: the response once the HTTP library has read its body, or the failure
+// of reading it. Unlike http_response::content_ready, it completes on the thread that read the
+// body rather than through a task queued to the pool. An answer without a body is complete
+// already: the HTTP library's closing of its empty body stream takes two more tasks through the
+// pool, which nothing needs to wait for.
+pplx::task<http_response> bodyRead(const http_response& response, const web::http::method& method) {
+    if (bodiless(response, method)) {
+        return pplx::task_from_result(response, InlineScheduler::options());
+    }
+    return pplx::create_task(response._get_impl()->_get_data_available(),
+                             InlineScheduler::options())
+        .then([response](utility::size64_t) { return response; }, InlineScheduler::options());
+}
+
 // The answer of one attempt with its body read (within the deadline, as the body may trickle).
+// Its continuations are short, never block and run no host code, so they run where the answer
+// arrives (see InlineScheduler).
 pplx::task<http_response> attempt(const std::shared_ptr<Client>& client,
                                   const std::shared_ptr<const RestCall::Plan>& plan,
                                   const std::shared_ptr<RequestDeadline>& deadline, bool check,
                                   bool mayResend) {
     return client->request(plan->build(), deadline->token())
-        .then([client, plan, deadline, check,
-               mayResend](pplx::task<http_response> sent) -> pplx::task<http_response> {
-            http_response response;
-            try {
-                response = sent.get();
-            } catch (const http_exception& e) {
-                if (mayResend && notWritten(e) && !deadline->token().is_canceled()) {
-                    if (plan->onResend) {
-                        plan->onResend();
+        .then(
+            [client, plan, deadline, check,
+             mayResend](pplx::task<http_response> sent) -> pplx::task<http_response> {
+                http_response response;
+                try {
+                    response = sent.get();
+                } catch (const http_exception& e) {
+                    if (mayResend && notWritten(e) && !deadline->token().is_canceled()) {
+                        if (plan->onResend) {
+                            plan->onResend();
+                        }
+                        // A client of its own has no pooled connection: the request surely goes on
+                        // a new one, whatever else the old client's pool holds. Made as the API
+                        // object's clients are (proxy and its credentials, trust, no redirects).
+                        auto fresh = WebUtils::makeHttpClient(
+                            Varkel::Zu::widen(client->base_uri().to_string()),
+                            client->client_config().timeout<std::chrono::seconds>());
+                        return attempt(fresh, plan, deadline, check, false);
                     }
-                    // A client of its own has no pooled connection: the request surely goes on a
-                    // new one, whatever else the old client's pool holds. Made as the API
-                    // object's clients are (proxy and its credentials, trust, no redirects).
-                    auto fresh = WebUtils::makeHttpClient(
-                        Varkel::Zu::widen(client->base_uri().to_string()),
-                        client->client_config().timeout<std::chrono::seconds>());
-                    return attempt(fresh, plan, deadline, check, false);
+                    throw;
                 }
-                throw;
-            }
-            // The status is checked as soon as it is there; an accepted answer's body is read
-            // whole before the request counts as done.
-            if (check && std::find(plan->accepted.begin(), plan->accepted.end(),
-                                   response.status_code()) == plan->accepted.end()) {
-                return refused(plan, response);
-            }
-            return response.content_ready();
-        });
+                // The status is checked as soon as it is there; an accepted answer's body is read
+                // whole before the request counts as done.
+                if (check && std::find(plan->accepted.begin(), plan->accepted.end(),
+                                       response.status_code()) == plan->accepted.end()) {
+                    return refused(plan, response);
+                }
+                return bodyRead(response, plan->method);
+            },
+            InlineScheduler::options());
 }
 
 }  // namespace
@@ -312,20 +345,27 @@ pplx::task<http_response> RestCall::sendChecking(const std::shared_ptr<Client>& 
             0, "The request could not be sent.", RequestFailure::Kind::Transport));
     }
     // One last continuation takes every outcome: the clock stops, and a failure leaves with its
-    // kind.
-    return answer.then([deadline](pplx::task<http_response> done) -> http_response {
-        deadline->finish();
-        try {
-            return done.get();
-        } catch (const PlatformHttpException& e) {
-            if (e.kind() == RequestFailure::Kind::HttpStatus) {
-                throw;  // the status check's own failure
+    // kind. It runs inline too and completes the caller's task through an event, so that the
+    // caller's task and its continuations belong to the pool's scheduler, not the inline one
+    // (continuations inherit their antecedent's scheduler).
+    pplx::task_completion_event<http_response> outcome;
+    answer.then(
+        [deadline, outcome](pplx::task<http_response> done) {
+            deadline->finish();
+            try {
+                outcome.set(done.get());
+            } catch (const PlatformHttpException& e) {
+                if (e.kind() == RequestFailure::Kind::HttpStatus) {
+                    outcome.set_exception(std::current_exception());  // the status check's own
+                } else {
+                    outcome.set_exception(failureOf(std::current_exception(), *deadline));
+                }
+            } catch (...) {
+                outcome.set_exception(failureOf(std::current_exception(), *deadline));
             }
-            throw failureOf(std::current_exception(), *deadline);
-        } catch (...) {
-            throw failureOf(std::current_exception(), *deadline);
-        }
-    });
+        },
+        InlineScheduler::options());
+    return pplx::create_task(outcome);
 }
 
 pplx::task<http_response> RestCall::sendUnchecked(const std::shared_ptr<Client>& client) const {
@@ -334,6 +374,10 @@ pplx::task<http_response> RestCall::sendUnchecked(const std::shared_ptr<Client>&
 
 pplx::task<http_response> RestCall::send(const std::shared_ptr<Client>& client) const {
     return sendChecking(client, true);
+}
+
+web::json::value RestCall::readJson(const http_response& response) {
+    return response._get_impl()->_extract_json(true);
 }
 
 http_response RestCall::perform(const std::shared_ptr<Client>& client) const {

@@ -102,6 +102,12 @@ class RestCall {
     pplx::task<web::http::http_response> sendUnchecked(
         const std::shared_ptr<web::http::client::http_client>& client) const;
 
+    // The JSON body of a response that send or sendUnchecked gave (whose body has been read
+    // whole), whatever its content type, parsed at once on the calling thread: unlike
+    // http_response::extract_json, no task goes through the pool. Throws
+    // web::json::json_exception for a body that is not JSON.
+    static web::json::value readJson(const web::http::http_response& response);
+
     // send(client) waited for on the calling thread: the response with an accepted status, or
     // the failure thrown.
     web::http::http_response perform(
