@@ -1,22 +1,32 @@
 // Mail through QxPlatformApi mailboxes against qxp-emulator running as a process of its own
 // (so that the figures of this process are the library's alone):
 // - publish-to-listener latency through one mailbox (post, then wait until the listener has
-//   the notification), p50 and p99, beside a mosquitto broker's publish-to-subscriber latency
-//   (QoS 0, loopback) when libmosquitto and the broker are installed;
+//   the notification), p50 and p99, with the hand-overs per mail (tasks given to the HTTP
+//   library's pool, context switches of this process); beside it the same posts received by a
+//   plain libcurl client long-polling a mailbox of its own on one kept-alive connection (the
+//   REST floor), and a mosquitto broker's publish-to-subscriber latency (QoS 0, loopback) when
+//   libmosquitto and the broker are installed;
 // - mail per second through one mailbox and through 100 mailboxes;
 // - fan-out: one notification to 1,000 mailboxes, time until the last listener has it;
 // - 10,000 mailboxes polling in this process: memory per mailbox and threads used;
 // - teardown (the API object's destructor) with 1,000 polls outstanding.
 //
 //   mail_bench [--latency-samples N] [--mailboxes M] [--pool-threads T] [--tls] [--only-many]
+//              [--only-latency]
 //
 // --tls runs against "qxp-emulator --tls", trusting the CA it writes; --only-many measures
-// only the many polling mailboxes (memory and threads) and the teardown.
+// only the many polling mailboxes (memory and threads) and the teardown; --only-latency only
+// the publish-to-listener latencies.
 //
 // --pool-threads sizes the HTTP library's shared thread pool (default: its own 40) before
 // anything uses it.
 //
 // Raises its own descriptor limit: every polling mailbox holds a socket. Prints Markdown.
+// libcurl first: the HTTP library's headers define macros that break curl.h's attribute checks
+// under Clang.
+#include <curl/curl.h>
+
+#include "../common/HandOverCounter.h"
 #include "../common/ProcessProbe.h"
 #include "EmulatorProcess.h"
 
@@ -51,6 +61,9 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/uuid_io.hpp>
 
 #ifdef TOLVA_BENCH_MOSQUITTO
 #include <mosquitto.h>
@@ -115,13 +128,19 @@ std::shared_ptr<Mailbox> listeningMailbox(QxPlatformApi& api, const std::wstring
     return mailbox;
 }
 
-std::vector<double> libraryLatencies(QxPlatformApi& api, int samples) {
+std::vector<double> libraryLatencies(QxPlatformApi& api, int samples,
+                                     TolvaBench::HandOverCounter::Counts& perMail) {
     const auto listener = std::make_shared<CountingListener>();
     const auto mailbox = listeningMailbox(api, L"bench/latency", listener);
     // Let the first poll park.
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     std::vector<double> latencies;
+    TolvaBench::HandOverCounter::Counts before;
     for (int i = 0; i < samples + 20; ++i) {
+        if (i == 20) {
+            before = TolvaBench::HandOverCounter::now();
+            TolvaBench::HandOverCounter::resetKinds();
+        }
         const auto sent = Clock::now();
         api.postNotification(L"bench/latency", L"m", 0);
         const auto received = listener->waitFor(static_cast<std::size_t>(i) + 1);
@@ -129,7 +148,101 @@ std::vector<double> libraryLatencies(QxPlatformApi& api, int samples) {
             latencies.push_back(microsecondsBetween(sent, received));
         }
     }
+    perMail = TolvaBench::HandOverCounter::now().minus(before).per(samples);
+    TolvaBench::HandOverCounter::printKinds("publish to listener, per mail", samples);
     api.deleteMailbox(mailbox);
+    return latencies;
+}
+
+std::size_t keepText(char* data, std::size_t size, std::size_t count, void* target) {
+    static_cast<std::string*>(target)->append(data, size * count);
+    return size * count;
+}
+
+// The same publisher (the library's post), received by a plain libcurl client that long-polls
+// a mailbox of its own over one kept-alive connection and counts an answer with mail as
+// delivered the moment its body is read: the floor for receiving mail over REST.
+std::vector<double> curlLongPollLatencies(QxPlatformApi& api, const std::string& url,
+                                          const std::string& caFile, int samples) {
+    const std::string token = Varkel::Zu::narrow(api.getCurrentToken().accessToken);
+    const std::string mailboxId = boost::uuids::to_string(boost::uuids::random_generator()());
+    CURL* curl = curl_easy_init();
+    curl_slist* headers = nullptr;
+    headers = curl_slist_append(headers, "Accept: application/json");
+    headers = curl_slist_append(headers, "Content-Type: application/json");
+    headers = curl_slist_append(headers, "User-Agent: Tolva");
+    headers = curl_slist_append(headers, ("Authorization: Bearer " + token).c_str());
+    headers = curl_slist_append(headers, "Expect:");
+    std::string answer;
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, keepText);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer);
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_TCP_NODELAY, 1L);
+    if (!caFile.empty()) {
+        curl_easy_setopt(curl, CURLOPT_CAINFO, caFile.c_str());
+    }
+    const std::string create =
+        "{\"durable\":false,\"id\":\"" + mailboxId + "\",\"subscription\":\"bench/curl-latency\"}";
+    curl_easy_setopt(curl, CURLOPT_URL, (url + "/notifications/api/v1/mailbox").c_str());
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, create.c_str());
+    long status = 0;
+    if (curl_easy_perform(curl) != CURLE_OK ||
+        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status) != CURLE_OK || status != 200) {
+        throw std::runtime_error("libcurl could not create its mailbox: " + answer);
+    }
+    curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
+    curl_easy_setopt(
+        curl, CURLOPT_URL,
+        (url + "/notifications/api/v1/notifications/" + mailboxId + "?timeout=30").c_str());
+
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::size_t received = 0;
+    Clock::time_point lastAt;
+    std::atomic<bool> stop{false};
+    std::thread poller([&] {
+        while (!stop) {
+            answer.clear();
+            const CURLcode code = curl_easy_perform(curl);
+            const auto at = Clock::now();
+            long pollStatus = 0;
+            curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &pollStatus);
+            if (code == CURLE_OK && pollStatus == 200 &&
+                answer.find("\"content\"") != std::string::npos) {
+                std::lock_guard<std::mutex> lock(mutex);
+                ++received;
+                lastAt = at;
+                changed.notify_all();
+            } else if (code != CURLE_OK || (pollStatus != 200 && pollStatus != 204)) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            }
+        }
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    std::vector<double> latencies;
+    for (int i = 0; i < samples + 20; ++i) {
+        const auto sent = Clock::now();
+        api.postNotification(L"bench/curl-latency", L"m", 0);
+        std::unique_lock<std::mutex> lock(mutex);
+        if (!changed.wait_for(lock, std::chrono::seconds(10),
+                              [&] { return received >= static_cast<std::size_t>(i) + 1; })) {
+            stop = true;
+            lock.unlock();
+            api.postNotification(L"bench/curl-latency", L"m", 0);
+            poller.join();
+            throw std::runtime_error("libcurl's long poll did not receive the mail");
+        }
+        if (i >= 20) {
+            latencies.push_back(microsecondsBetween(sent, lastAt));
+        }
+    }
+    // One more post ends the parked poll.
+    stop = true;
+    api.postNotification(L"bench/curl-latency", L"m", 0);
+    poller.join();
+    curl_slist_free_all(headers);
+    curl_easy_cleanup(curl);
     return latencies;
 }
 
@@ -293,6 +406,7 @@ int main(int argc, char** argv) {
     int poolThreads = 0;
     bool tls = false;
     bool onlyMany = false;
+    bool onlyLatency = false;
     for (int i = 1; i < argc; ++i) {
         const std::string option = argv[i];
         const bool hasValue = i + 1 < argc;
@@ -300,6 +414,8 @@ int main(int argc, char** argv) {
             tls = true;
         } else if (option == "--only-many") {
             onlyMany = true;
+        } else if (option == "--only-latency") {
+            onlyLatency = true;
         } else if (option == "--latency-samples" && hasValue) {
             latencySamples = std::max(10, std::atoi(argv[++i]));
         } else if (option == "--mailboxes" && hasValue) {
@@ -308,13 +424,16 @@ int main(int argc, char** argv) {
             poolThreads = std::max(1, std::atoi(argv[++i]));
         } else {
             std::cerr << "usage: mail_bench [--latency-samples N] [--mailboxes M] "
-                         "[--pool-threads T] [--tls] [--only-many]\n";
+                         "[--pool-threads T] [--tls] [--only-many] [--only-latency]\n";
             return 2;
         }
     }
     if (poolThreads > 0) {
         crossplat::threadpool::initialize_with_threads(static_cast<std::size_t>(poolThreads));
     }
+    // Before any client: every task the HTTP library's pool runs is counted from here.
+    TolvaBench::HandOverCounter::install();
+    curl_global_init(CURL_GLOBAL_DEFAULT);
     // Every polling mailbox holds a socket.
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
@@ -335,9 +454,23 @@ int main(int argc, char** argv) {
 
     std::printf("| measure (%s) | value |\n|---|---:|\n", tls ? "HTTPS" : "HTTP");
     if (!onlyMany) {
-        const auto library = libraryLatencies(*api, latencySamples);
+        TolvaBench::HandOverCounter::Counts perMail;
+        const auto library = libraryLatencies(*api, latencySamples, perMail);
         std::printf("| publish-to-listener latency, one mailbox: p50 / p99 | %.0f / %.0f us |\n",
                     percentile(library, 0.5), percentile(library, 0.99));
+        std::printf(
+            "| per mail (post and delivery): pool tasks / context switches | %.2f / %.2f "
+            "|\n",
+            perMail.poolTasks, perMail.contextSwitches);
+        std::fflush(stdout);
+        const std::string url = web::json::value::parse(emulator.config()).at("url").as_string();
+        const auto curlFloor =
+            curlLongPollLatencies(*api, url, tls ? caFile : std::string(), latencySamples);
+        std::printf(
+            "| same posts, plain libcurl long poll: p50 / p99 | %.0f / %.0f us (library/libcurl "
+            "p50 %.2f) |\n",
+            percentile(curlFloor, 0.5), percentile(curlFloor, 0.99),
+            percentile(library, 0.5) / percentile(curlFloor, 0.5));
 #ifdef TOLVA_BENCH_MOSQUITTO
         const auto broker = mosquittoLatencies(latencySamples);
         if (!broker.empty()) {
@@ -347,6 +480,10 @@ int main(int argc, char** argv) {
         }
 #endif
         std::fflush(stdout);
+        if (onlyLatency) {
+            curl_global_cleanup();
+            return 0;
+        }
         std::printf("| mail per second, one mailbox (4 posting threads) | %.0f |\n",
                     mailPerSecond(*api, 1, 4000));
         std::printf("| mail per second, 100 mailboxes (4 posting threads) | %.0f |\n",

@@ -1,6 +1,7 @@
 // Latency and throughput of QxPlatformApi::postNotification from 1, 4 and 16 threads, next to
-// a plain libcurl client that sends the same request (same headers, same body shape) over a
-// kept-alive connection per thread, and the emulator's own ceiling for the endpoint (libcurl
+// a bare cpprestsdk client sending the same request (the HTTP library alone, the floor for the
+// library), a plain libcurl client that sends the same request (same headers, same body shape)
+// over a kept-alive connection per thread, and the emulator's own ceiling for the endpoint (libcurl
 // from many connections at once). Everything runs in this process against the in-process
 // emulator on loopback.
 //
@@ -13,7 +14,11 @@
 //
 // --pool-threads sizes the HTTP library's shared pool through
 // WebUtils::setHttpThreadPoolSize (default: the library's default). CPU time per request is the
-// whole process's (client and in-process emulator) divided by the requests sent.
+// whole process's (client and in-process emulator) divided by the requests sent, and so are the
+// context switches per request; "pool tasks" counts the tasks handed to the HTTP library's pool
+// per request (continuations and its own start of each request: each one a hand-over between
+// threads unless the thread that queues it picks it up itself). Socket completions are not
+// tasks and are not counted.
 //
 // Prints a Markdown table. Requests per configuration are split evenly over the threads.
 // libcurl first: the HTTP library's headers (through QxPlatformApi.h) define macros that
@@ -22,6 +27,8 @@
 
 #include <TolvaCore/QxPlatformApi.h>
 #include <TolvaCore/WebUtils.h>
+
+#include "../common/HandOverCounter.h"
 
 #include <sys/resource.h>
 
@@ -61,6 +68,8 @@ struct Result {
     double p99Us = 0;
     double perSecond = 0;
     double cpuUsPerRequest = 0;
+    // Tasks handed to the HTTP library's pool, and context switches of the process, per request.
+    TolvaBench::HandOverCounter::Counts handOvers;
 };
 
 double processCpuUs() {
@@ -110,12 +119,18 @@ Result measure(const std::string& client, unsigned threads, std::size_t requests
     }
     const auto start = Clock::now();
     const double cpuStart = processCpuUs();
+    const auto handOversBefore = TolvaBench::HandOverCounter::now();
+    TolvaBench::HandOverCounter::resetKinds();
     go = true;
     for (auto& worker : workers) {
         worker.join();
     }
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     const double cpuUs = processCpuUs() - cpuStart;
+    const auto handOvers = TolvaBench::HandOverCounter::now().minus(handOversBefore);
+    TolvaBench::HandOverCounter::printKinds(
+        (client + ", " + std::to_string(threads) + " threads, per request").c_str(),
+        static_cast<double>(threads * perThread));
 
     std::vector<double> all;
     for (const auto& mine : latencies) {
@@ -130,6 +145,7 @@ Result measure(const std::string& client, unsigned threads, std::size_t requests
     result.p99Us = all[std::min(all.size() - 1, all.size() * 99 / 100)];
     result.perSecond = static_cast<double>(all.size()) / seconds;
     result.cpuUsPerRequest = cpuUs / static_cast<double>(all.size());
+    result.handOvers = handOvers.per(static_cast<double>(all.size()));
     return result;
 }
 
@@ -198,6 +214,40 @@ class CurlSender {
     boost::uuids::random_generator generator_;
 };
 
+// The HTTP library alone: the same request through a bare cpprestsdk client (no redirects
+// followed, as the library's clients), the body made as libcurl's is, waited for with get().
+// What the library costs beyond this row is its own; the rest is the HTTP library's.
+class BareCpprestSender {
+  public:
+    BareCpprestSender(const std::string& url, const std::string& token) : token_(token) {
+        web::http::client::http_client_config config;
+        config.set_max_redirects(0);
+        client_ = std::make_unique<web::http::client::http_client>(url, config);
+    }
+
+    void send() {
+        web::http::http_request request(web::http::methods::POST);
+        request.set_request_uri("/notifications/api/v1/notifications");
+        request.headers().add("Accept", "application/json");
+        request.headers().add("User-Agent", "Tolva");
+        request.headers().add("Authorization", "Bearer " + token_);
+        request.set_body(
+            "{\"content\":\"benchmark content\",\"id\":\"" + boost::uuids::to_string(generator_()) +
+                "\",\"source\":\"Tolva\",\"time\":\"" + isoNow() + "\",\"topic\":\"bench/notify\"}",
+            "application/json");
+        const auto response = client_->request(request).get();
+        if (response.status_code() != 204) {
+            throw std::runtime_error("bare cpprestsdk post failed: status " +
+                                     std::to_string(response.status_code()));
+        }
+    }
+
+  private:
+    std::string token_;
+    std::unique_ptr<web::http::client::http_client> client_;
+    boost::uuids::random_generator generator_;
+};
+
 double median(std::vector<double> values) {
     std::sort(values.begin(), values.end());
     return values[values.size() / 2];
@@ -241,13 +291,16 @@ void printFirstConnection(const std::string& url, const std::string& caFile, int
 }
 
 void print(const Result& r) {
-    std::printf("| %-28s | %7u | %8zu | %10.1f | %10.1f | %12.0f | %12.1f |\n", r.client.c_str(),
-                r.threads, r.requests, r.medianUs, r.p99Us, r.perSecond, r.cpuUsPerRequest);
+    std::printf("| %-28s | %7u | %8zu | %10.1f | %10.1f | %12.0f | %12.1f | %10.2f | %10.2f |\n",
+                r.client.c_str(), r.threads, r.requests, r.medianUs, r.p99Us, r.perSecond,
+                r.cpuUsPerRequest, r.handOvers.poolTasks, r.handOvers.contextSwitches);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Before any client: every task the HTTP library's pool runs is counted from here.
+    TolvaBench::HandOverCounter::install();
     std::size_t requests = 4000;
     unsigned emulatorThreads = 2;
     bool tls = false;
@@ -304,6 +357,10 @@ int main(int argc, char** argv) {
             return std::function<void()>(
                 [&] { api->postNotification(L"Bench/Notify", L"benchmark content", 0); });
         }));
+        // One client shared by the threads, as the library's.
+        const auto bare = std::make_shared<BareCpprestSender>(emulator.baseUrl(), token);
+        results.push_back(measure("cpprestsdk alone", threads, requests,
+                                  [&] { return std::function<void()>([bare] { bare->send(); }); }));
         std::vector<std::shared_ptr<CurlSender>> keep;
         results.push_back(measure("libcurl (keep-alive)", threads, requests, [&] {
             auto sender = std::make_shared<CurlSender>(emulator.baseUrl(), token, caFile);
@@ -322,18 +379,25 @@ int main(int argc, char** argv) {
         }));
     }
 
-    std::printf("| %-28s | %7s | %8s | %10s | %10s | %12s | %12s |\n", "client", "threads",
-                "requests", "median us", "p99 us", "requests/s", "CPU us/req");
-    std::printf("|%s|%s|%s|%s|%s|%s|%s|\n", std::string(30, '-').c_str(),
+    std::printf("| %-28s | %7s | %8s | %10s | %10s | %12s | %12s | %10s | %10s |\n", "client",
+                "threads", "requests", "median us", "p99 us", "requests/s", "CPU us/req",
+                "pool tasks", "switches");
+    std::printf("|%s|%s|%s|%s|%s|%s|%s|%s|%s|\n", std::string(30, '-').c_str(),
                 std::string(9, '-').c_str(), std::string(10, '-').c_str(),
                 std::string(12, '-').c_str(), std::string(12, '-').c_str(),
-                std::string(14, '-').c_str(), std::string(14, '-').c_str());
+                std::string(14, '-').c_str(), std::string(14, '-').c_str(),
+                std::string(12, '-').c_str(), std::string(12, '-').c_str());
     for (const auto& result : results) {
         print(result);
     }
-    for (std::size_t i = 0; i + 1 < 6; i += 2) {
-        std::printf("median ratio library/libcurl at %u threads: %.2f\n", results[i].threads,
-                    results[i].medianUs / results[i + 1].medianUs);
+    for (std::size_t i = 0; i + 2 < 9; i += 3) {
+        std::printf(
+            "at %u threads: median library/libcurl %.2f, cpprestsdk alone/libcurl %.2f; "
+            "throughput library/libcurl %.2f, cpprestsdk alone/libcurl %.2f\n",
+            results[i].threads, results[i].medianUs / results[i + 2].medianUs,
+            results[i + 1].medianUs / results[i + 2].medianUs,
+            results[i].perSecond / results[i + 2].perSecond,
+            results[i + 1].perSecond / results[i + 2].perSecond);
     }
     printFirstConnection(emulator.baseUrl(), caFile, 20);
     curl_global_cleanup();
