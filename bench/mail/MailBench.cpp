@@ -12,11 +12,12 @@
 // - teardown (the API object's destructor) with 1,000 polls outstanding.
 //
 //   mail_bench [--latency-samples N] [--mailboxes M] [--pool-threads T] [--tls] [--only-many]
-//              [--only-latency]
+//              [--only-latency] [--latency-gap-us G]
 //
 // --tls runs against "qxp-emulator --tls", trusting the CA it writes; --only-many measures
 // only the many polling mailboxes (memory and threads) and the teardown; --only-latency only
-// the publish-to-listener latencies.
+// the publish-to-listener latencies. --latency-gap-us waits G us after each mail before the
+// next post (default 0: at once), so that the mailbox's next poll is parked when it comes.
 //
 // --pool-threads sizes the HTTP library's shared thread pool (default: its own 40) before
 // anything uses it.
@@ -128,6 +129,16 @@ std::shared_ptr<Mailbox> listeningMailbox(QxPlatformApi& api, const std::wstring
     return mailbox;
 }
 
+// Time between a listener's mail and the next post: 0 posts again at once (the next poll may
+// not be parked yet, so its sending is part of the latency); a gap of a few ms lets it park.
+int latencyGapUs = 0;
+
+void pauseBeforeNextPost() {
+    if (latencyGapUs > 0) {
+        std::this_thread::sleep_for(std::chrono::microseconds(latencyGapUs));
+    }
+}
+
 std::vector<double> libraryLatencies(QxPlatformApi& api, int samples,
                                      TolvaBench::HandOverCounter::Counts& perMail) {
     const auto listener = std::make_shared<CountingListener>();
@@ -141,6 +152,7 @@ std::vector<double> libraryLatencies(QxPlatformApi& api, int samples,
             before = TolvaBench::HandOverCounter::now();
             TolvaBench::HandOverCounter::resetKinds();
         }
+        pauseBeforeNextPost();
         const auto sent = Clock::now();
         api.postNotification(L"bench/latency", L"m", 0);
         const auto received = listener->waitFor(static_cast<std::size_t>(i) + 1);
@@ -149,6 +161,12 @@ std::vector<double> libraryLatencies(QxPlatformApi& api, int samples,
         }
     }
     perMail = TolvaBench::HandOverCounter::now().minus(before).per(samples);
+    const auto answerToListener = api.statistics().pollAnswerToListener;
+    std::printf(
+        "| poll answer read to listener (the library's own window): p50 / p99 | %lld / %lld "
+        "us |\n",
+        static_cast<long long>(answerToListener.p50.count()),
+        static_cast<long long>(answerToListener.p99.count()));
     TolvaBench::HandOverCounter::printKinds("publish to listener, per mail", samples);
     api.deleteMailbox(mailbox);
     return latencies;
@@ -222,6 +240,7 @@ std::vector<double> curlLongPollLatencies(QxPlatformApi& api, const std::string&
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     std::vector<double> latencies;
     for (int i = 0; i < samples + 20; ++i) {
+        pauseBeforeNextPost();
         const auto sent = Clock::now();
         api.postNotification(L"bench/curl-latency", L"m", 0);
         std::unique_lock<std::mutex> lock(mutex);
@@ -418,13 +437,16 @@ int main(int argc, char** argv) {
             onlyLatency = true;
         } else if (option == "--latency-samples" && hasValue) {
             latencySamples = std::max(10, std::atoi(argv[++i]));
+        } else if (option == "--latency-gap-us" && hasValue) {
+            latencyGapUs = std::max(0, std::atoi(argv[++i]));
         } else if (option == "--mailboxes" && hasValue) {
             manyMailboxes = std::max(100, std::atoi(argv[++i]));
         } else if (option == "--pool-threads" && hasValue) {
             poolThreads = std::max(1, std::atoi(argv[++i]));
         } else {
             std::cerr << "usage: mail_bench [--latency-samples N] [--mailboxes M] "
-                         "[--pool-threads T] [--tls] [--only-many] [--only-latency]\n";
+                         "[--pool-threads T] [--tls] [--only-many] [--only-latency] "
+                         "[--latency-gap-us G]\n";
             return 2;
         }
     }
