@@ -201,6 +201,10 @@ TEST_F(HttpThreadPoolTest, TheDefaultSizeIsApplied) {
 
 TEST_F(HttpThreadPoolTest, ASizeSetAfterTheFirstClientIsNotAppliedAndSaysSo) {
     const auto api = makeApi();
+    // A new thread carries the process's name until it names itself: the object's heartbeat
+    // thread is counted once it has, so that only the pool's threads count below.
+    ASSERT_TRUE(
+        waitUntil([] { return threadsNamed("QXP heartbeat t") != 0; }, std::chrono::seconds(10)));
     const LogRecords records;
     const std::size_t threads = unnamedThreads();
     EXPECT_FALSE(setHttpThreadPoolSize(3));
