@@ -50,7 +50,7 @@ bool hasRecord(const LogRecords& records, const std::string& level, const std::w
 }
 
 // Answers every request "pong to <content>" on replyTopic from a thread of its own, so that
-// the listener itself never blocks a pool thread.
+// the listener itself returns at once.
 class QueuedResponder : public MailboxListener {
   public:
     QueuedResponder(std::shared_ptr<QxPlatformApi> api, std::wstring replyTopic)
@@ -93,7 +93,7 @@ class QueuedResponder : public MailboxListener {
     std::thread worker_;
 };
 
-// Answers from inside the listener: it blocks its pool thread for the post.
+// Answers from inside the listener: it holds its delivery thread for the post.
 class DirectResponder : public MailboxListener {
   public:
     DirectResponder(std::shared_ptr<QxPlatformApi> api, std::wstring replyTopic)
