@@ -55,6 +55,10 @@ nlohmann::json ControlApi::toJson(const RecordedRequest& request) {
 }
 
 nlohmann::json ControlApi::toJson(const FaultRule& rule) {
+    nlohmann::json headers = nlohmann::json::object();
+    for (const auto& field : rule.headers) {
+        headers[field.first] = field.second;
+    }
     return {{"method", rule.method},
             {"pathPattern", rule.pathPattern},
             {"status", rule.status},
@@ -65,7 +69,8 @@ nlohmann::json ControlApi::toJson(const FaultRule& rule) {
             {"drop", rule.drop},
             {"times", rule.times},
             {"trickleChunkBytes", rule.trickleChunkBytes},
-            {"trickleIntervalMs", rule.trickleIntervalMs}};
+            {"trickleIntervalMs", rule.trickleIntervalMs},
+            {"headers", std::move(headers)}};
 }
 
 FaultRule ControlApi::faultFromJson(const nlohmann::json& value) {
@@ -87,6 +92,18 @@ FaultRule ControlApi::faultFromJson(const nlohmann::json& value) {
     rule.times = intMember(value, "times", rule.times);
     rule.trickleChunkBytes = intMember(value, "trickleChunkBytes", rule.trickleChunkBytes);
     rule.trickleIntervalMs = intMember(value, "trickleIntervalMs", rule.trickleIntervalMs);
+    if (value.contains("headers")) {
+        const auto& headers = value.at("headers");
+        if (!headers.is_object()) {
+            throw std::invalid_argument("member \"headers\" must be an object of strings");
+        }
+        for (const auto& [name, field] : headers.items()) {
+            if (!field.is_string()) {
+                throw std::invalid_argument("member \"headers\" must be an object of strings");
+            }
+            rule.headers.emplace_back(name, field.get<std::string>());
+        }
+    }
     return rule;
 }
 

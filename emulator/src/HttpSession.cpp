@@ -185,6 +185,7 @@ void HttpSession<Stream>::applyFault(const FaultRule& fault) {
         reply.reason = fault.reason;
         reply.contentType = fault.contentType;
         reply.body = fault.body;
+        reply.extraHeaders = fault.headers;
         send(std::move(reply));
         return;
     }

@@ -194,6 +194,30 @@ TEST_F(ControlTest, FaultRulesOverHttp) {
     EXPECT_EQ(200, createMailbox(kMailboxB, "t").status);
 }
 
+TEST_F(ControlTest, AFaultAnswerCarriesTheRulesHeaderFields) {
+    const nlohmann::json rule = {{"method", "POST"},
+                                 {"pathPattern", "/notifications/api/v1/mailbox"},
+                                 {"status", 303},
+                                 {"headers", {{"Location", "/elsewhere"}, {"Retry-After", "7"}}}};
+    ASSERT_EQ(204, client->request("POST", "/_emulator/faults", rule.dump()).status);
+    const auto listedRules =
+        nlohmann::json::parse(client->request("GET", "/_emulator/faults").body);
+    ASSERT_EQ(1u, listedRules.size());
+    EXPECT_EQ("/elsewhere", listedRules[0]["headers"]["Location"]);
+    const auto faulted = createMailbox(kMailboxA, "t");
+    EXPECT_EQ(303, faulted.status);
+    EXPECT_EQ("/elsewhere", faulted.header("Location"));
+    EXPECT_EQ("7", faulted.header("Retry-After"));
+    EXPECT_EQ(400, client
+                       ->request("POST", "/_emulator/faults",
+                                 "{\"pathPattern\":\".*\",\"headers\":{\"X\":1}}")
+                       .status);
+    EXPECT_EQ(
+        400,
+        client->request("POST", "/_emulator/faults", "{\"pathPattern\":\".*\",\"headers\":[\"X\"]}")
+            .status);
+}
+
 TEST_F(ControlTest, StateShowsMailboxesServicesAndKeys) {
     ASSERT_EQ(200, createMailbox(kMailboxA, "Topic/One", 120).status);
     ASSERT_EQ(204, publish("topic/one", "x").status);

@@ -154,6 +154,19 @@ TEST_F(PostNotificationTest, PostsOneAfterAnotherGoOutOnTheConnectionAlreadyOpen
     EXPECT_LE(emulator_.connectionCounts().accepted, opened + 2);
 }
 
+// No operation accepts a redirect: it fails like any other status it does not accept, and
+// the place it points to is never asked for.
+TEST_F(PostNotificationTest, ARedirectIsAFailureAndIsNotFollowed) {
+    auto rule = statusRule("POST", kNotificationsPath, 303, "");
+    rule.headers = {{"Location", emulator_.baseUrl() + "/elsewhere"}};
+    emulator_.addFault(rule);
+    const DebugLogTail log;
+    EXPECT_EQ(postExpectingFailure(), "");
+    EXPECT_TRUE(log.hasLine("ERROR: Post notification failed. 303 See Other")) << log.text();
+    EXPECT_TRUE(requestsTo("GET", "/elsewhere").empty());
+    EXPECT_EQ(requestsTo("POST", kNotificationsPath).size(), 1u);
+}
+
 TEST_F(PostNotificationTest, Reply200WithEmptyBodyIsAFailure) {
     emulator_.addFault(statusRule("POST", kNotificationsPath, 200, ""));
     const DebugLogTail log;

@@ -2,15 +2,17 @@
 #pragma once
 
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace qxpemu {
 
 // Applies to platform requests (never to the control interface). Rules are tried in the
 // order they were added; the first rule that matches and has uses left applies, and one use
 // is consumed. What it does, in this order: wait `delayMs`; then close the connection
-// without answering when `drop` is set; otherwise answer `status` (with `reason`, `body`
-// and `contentType`) when `status` is not 0; otherwise handle the request normally (a pure
-// delay).
+// without answering when `drop` is set; otherwise answer `status` (with `reason`, `body`,
+// `contentType` and the fields of `headers`, a redirect's "Location" say) when `status` is
+// not 0; otherwise handle the request normally (a pure delay).
 //
 // With `trickleChunkBytes` above 0 the answer, canned or normal (a long poll's too), is sent
 // with "Transfer-Encoding: chunked": the head at once, then one chunk of at most
@@ -29,6 +31,8 @@ struct FaultRule {
     int times = 1;              // matches left; -1 = every match
     int trickleChunkBytes = 0;  // 0: the body in one piece; else the size of each chunk
     int trickleIntervalMs = 0;  // pause before each chunk of a trickled body
+    // Further header fields of a canned answer, in this order.
+    std::vector<std::pair<std::string, std::string>> headers;
 };
 
 }  // namespace qxpemu
