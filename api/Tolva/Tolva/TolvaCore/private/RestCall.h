@@ -17,7 +17,10 @@
 //   kept-alive connection that the server closed while it was idle fails the first write that
 //   follows, and a request that was not written cannot have been processed. (A connection
 //   closed before the status line is retried by the HTTP library itself, when it was reused.)
-// - failures of a kind (RequestFailure): transport, time-out, HTTP status, TLS.
+// - failures of a kind (RequestFailure): transport, time-out, HTTP status, TLS;
+// - as few hand-overs between threads as the HTTP library allows: its own checks run on the
+//   thread that read the answer, an answer without a body is done at its head, and the task
+//   given to the caller belongs to the pool's scheduler (see InlineScheduler).
 //
 // Internal to the library: cpprestsdk stays behind this class and the API object's sources.
 #pragma once
