@@ -116,7 +116,8 @@ class TOLVA_EXPORT ApiStatistics {
     std::uint64_t mailDelivered = 0;
     /// Exceptions the listeners threw (caught and logged by the mailbox).
     std::uint64_t listenerExceptions = 0;
-    /// From a poll's answer arriving to its mailbox's listeners being called.
+    /// From a poll's answer having arrived whole (its body read) to its mailbox's listeners
+    /// being called: the library's own part of a delivery.
     Latency pollAnswerToListener;
 
     std::uint64_t heartbeatsSent = 0;         ///< Heartbeats sent, over all services.

@@ -286,7 +286,8 @@ void QxPlatformApi::handlePollBody(const std::shared_ptr<PollContext>& poll,
         // The body has been read whole: parsed here, without another task through the pool.
         body = RestCall::readJson(response);
     } catch (const web::http::http_exception& e) {
-        // The connection failed while the body was read: a transport failure like any other.
+        // The HTTP library could not hand the body over (a connection that failed while the
+        // body was read fails the answer itself, above): a transport failure like any other.
         // Anything else (not JSON, text that cannot be converted) is the reply's own fault and
         // stops the mailbox, as a body that is not an array does.
         if (isStopping()) {
