@@ -141,9 +141,9 @@ TEST_F(PostNotificationTest, Reply204IsSuccess) {
     EXPECT_EQ(log.countLinesStartingWith("ERROR: "), 0u) << log.text();
 }
 
-// A post returns as soon as the head of its 204 is read (a 204 has no body); the HTTP library
-// puts the connection back in its pool right after, so the next post finds it there. (A
-// caller quicker than that opens a second connection, which is kept too; so a bound of two.)
+// A post returns once the HTTP library is done with its answer, the connection back in its
+// pool, so the next post finds it there. (Under load a second one may still be opened and is
+// then kept too: a bound of two.)
 TEST_F(PostNotificationTest, PostsOneAfterAnotherGoOutOnTheConnectionAlreadyOpen) {
     api_->postNotification(L"Reuse/Topic", L"first", 0);
     const std::size_t opened = emulator_.connectionCounts().accepted;

@@ -185,29 +185,15 @@ pplx::task<http_response> refused(const std::shared_ptr<const RestCall::Plan>& p
     });
 }
 
-// An answer that cannot have a body (HTTP/1.1: 1xx, 204, 304, the answer to HEAD, or a
-// Content-Length of 0) is whole once its head is there.
-bool bodiless(const http_response& response, const web::http::method& method) {
-    const web::http::status_code status = response.status_code();
-    if ((status >= 100 && status < 200) || status == web::http::status_codes::NoContent ||
-        status == web::http::status_codes::NotModified || method == web::http::methods::HEAD) {
-        return true;
-    }
-    const auto& headers = response.headers();
-    const auto length = headers.find(web::http::header_names::content_length);
-    return length != headers.end() && length->second == "0" &&
-           headers.find(web::http::header_names::transfer_encoding) == headers.end();
-}
-
-// The answer's body read: the response once the HTTP library has read its body, or the failure
-// of reading it. Unlike http_response::content_ready, it completes on the thread that read the
-// body rather than through a task queued to the pool. An answer without a body is complete
-// already: the HTTP library's closing of its empty body stream takes two more tasks through the
-// pool, which nothing needs to wait for.
-pplx::task<http_response> bodyRead(const http_response& response, const web::http::method& method) {
-    if (bodiless(response, method)) {
-        return pplx::task_from_result(response, InlineScheduler::options());
-    }
+// The answer's body read: the response once the HTTP library has read its body (and, for an
+// answer without one, closed its empty body stream), or the failure of reading it. Unlike
+// http_response::content_ready, it completes on the thread that set the body's end rather than
+// through a task queued to the pool. The HTTP library puts the connection back in its pool
+// right after it queues the closing of the body stream, so by the time the body's end is set
+// the caller's next request almost always finds the connection there. (Completing an answer
+// without a body at its head would save those two tasks, but then the caller's next request
+// often came before the connection was back, and opened another.)
+pplx::task<http_response> bodyRead(const http_response& response) {
     return pplx::create_task(response._get_impl()->_get_data_available(),
                              InlineScheduler::options())
         .then([response](utility::size64_t) { return response; }, InlineScheduler::options());
@@ -248,7 +234,7 @@ pplx::task<http_response> attempt(const std::shared_ptr<Client>& client,
                                        response.status_code()) == plan->accepted.end()) {
                     return refused(plan, response);
                 }
-                return bodyRead(response, plan->method);
+                return bodyRead(response);
             },
             InlineScheduler::options());
 }

@@ -19,8 +19,8 @@
 //   closed before the status line is retried by the HTTP library itself, when it was reused.)
 // - failures of a kind (RequestFailure): transport, time-out, HTTP status, TLS;
 // - as few hand-overs between threads as the HTTP library allows: its own checks run on the
-//   thread that read the answer, an answer without a body is done at its head, and the task
-//   given to the caller belongs to the pool's scheduler (see InlineScheduler).
+//   thread that read the answer, and the task given to the caller belongs to the pool's
+//   scheduler (see InlineScheduler).
 //
 // Internal to the library: cpprestsdk stays behind this class and the API object's sources.
 #pragma once
