@@ -17,6 +17,7 @@ namespace {
 using Varkel::Zu::narrow;
 using Varkel::Zu::widen;
 using Clock = std::chrono::steady_clock;
+using Varkel::Tolva::Rest::ApiStatistics;
 
 class MailRetrievalTest : public MailTest {
   protected:
@@ -34,6 +35,32 @@ class MailRetrievalTest : public MailTest {
                                       std::chrono::milliseconds(50));
         }
         return api.hasDeletedMailboxes();
+    }
+
+    // A mailbox whose poll is answered 200 with `reply`, which it cannot read, beside a healthy
+    // one on the same topic: the broken one says it stopped and is polled no more, while mail
+    // still reaches the healthy one. The object's statistics before it ends go to `statistics`
+    // when given.
+    void expectUnreadableReplyStopsOnlyItsMailbox(const std::string& reply,
+                                                  ApiStatistics* statistics = nullptr) {
+        const LogRecords records;
+        auto api = makeApi();
+        auto broken = newMailbox();
+        emulator_.addFault(pollReply(*broken, reply));
+        api->createMailbox(broken, L"t");
+        const auto [healthy, listener] = listening(*api, L"t");
+        ASSERT_EQ(waitForPolls(*broken, 1).size(), 1u);
+        api->postNotification(L"t", L"still flowing", 0);
+        ASSERT_EQ(listener->waitFor(1).size(), 1u);
+        EXPECT_TRUE(waitForStoppedLine(records, *broken));
+        // Stopped for good: within a whole emulator poll period no next poll of it leaves,
+        // while the healthy mailbox goes on being polled.
+        EXPECT_EQ(waitForPolls(*broken, 2, std::chrono::milliseconds(1500)).size(), 1u);
+        EXPECT_GE(waitForPolls(*healthy, 2).size(), 2u);
+        if (statistics) {
+            *statistics = api->statistics();
+        }
+        api.reset();
     }
 
     // Waits until the library has said that `mailbox` stopped receiving mail. The platform
@@ -148,61 +175,22 @@ TEST_F(MailRetrievalTest, MissingTopicOrContentIsDeliveredEmpty) {
 }
 
 TEST_F(MailRetrievalTest, AReplyThatIsNotAnArrayStopsThatMailboxWithoutHarm) {
-    const LogRecords records;
-    auto api = makeApi();
-    auto broken = newMailbox();
-    emulator_.addFault(pollReply(*broken, R"({"not":"an array"})"));
-    api->createMailbox(broken, L"t");
-    const auto [healthy, listener] = listening(*api, L"t");
-    ASSERT_EQ(waitForPolls(*broken, 1).size(), 1u);
-    api->postNotification(L"t", L"still flowing", 0);
-    ASSERT_EQ(listener->waitFor(1).size(), 1u);
-    EXPECT_TRUE(waitForStoppedLine(records, *broken));
-    // Stopped for good: within a whole emulator poll period no next poll of it leaves, while
-    // the healthy mailbox goes on being polled.
-    EXPECT_EQ(waitForPolls(*broken, 2, std::chrono::milliseconds(1500)).size(), 1u);
-    EXPECT_GE(waitForPolls(*healthy, 2).size(), 2u);
-    api.reset();
+    expectUnreadableReplyStopsOnlyItsMailbox(R"({"not":"an array"})");
 }
 
 // Found by fuzzing the delivery: the JSON parser refuses a lone UTF-16 surrogate escape with
 // std::range_error, not with its json_exception. It takes the same path as any other body the
 // delivery cannot read.
 TEST_F(MailRetrievalTest, AReplyWithALoneSurrogateEscapeStopsThatMailboxWithoutHarm) {
-    const LogRecords records;
-    auto api = makeApi();
-    auto broken = newMailbox();
-    emulator_.addFault(pollReply(*broken, R"([{"topic":"\ud800\u0000","content":"x"}])"));
-    api->createMailbox(broken, L"t");
-    const auto [healthy, listener] = listening(*api, L"t");
-    ASSERT_EQ(waitForPolls(*broken, 1).size(), 1u);
-    api->postNotification(L"t", L"still flowing", 0);
-    ASSERT_EQ(listener->waitFor(1).size(), 1u);
-    EXPECT_TRUE(waitForStoppedLine(records, *broken));
-    // Stopped for good: within a whole emulator poll period no next poll of it leaves, while
-    // the healthy mailbox goes on being polled.
-    EXPECT_EQ(waitForPolls(*broken, 2, std::chrono::milliseconds(1500)).size(), 1u);
-    EXPECT_GE(waitForPolls(*healthy, 2).size(), 2u);
-    api.reset();
+    expectUnreadableReplyStopsOnlyItsMailbox(R"([{"topic":"\ud800\u0000","content":"x"}])");
 }
 
 // The poll's answer is read at once where it arrives (its body has been read whole): a body
 // that is not JSON at all takes the path of any other unreadable answer.
 TEST_F(MailRetrievalTest, AReplyThatIsNotJsonStopsThatMailboxWithoutHarm) {
-    const LogRecords records;
-    auto api = makeApi();
-    auto broken = newMailbox();
-    emulator_.addFault(pollReply(*broken, "<html><body>Busy</body></html>"));
-    api->createMailbox(broken, L"t");
-    const auto [healthy, listener] = listening(*api, L"t");
-    ASSERT_EQ(waitForPolls(*broken, 1).size(), 1u);
-    api->postNotification(L"t", L"still flowing", 0);
-    ASSERT_EQ(listener->waitFor(1).size(), 1u);
-    EXPECT_TRUE(waitForStoppedLine(records, *broken));
-    EXPECT_EQ(waitForPolls(*broken, 2, std::chrono::milliseconds(1500)).size(), 1u);
-    EXPECT_GE(waitForPolls(*healthy, 2).size(), 2u);
-    EXPECT_EQ(api->statistics().pollsTransportFailures, 0u);
-    api.reset();
+    ApiStatistics statistics;
+    expectUnreadableReplyStopsOnlyItsMailbox("<html><body>Busy</body></html>", &statistics);
+    EXPECT_EQ(statistics.pollsTransportFailures, 0u);
 }
 
 TEST_F(MailRetrievalTest, NeverTwoPollsOfOneMailboxAtOnce) {
